@@ -1,0 +1,14 @@
+# Every dependency comes from the distribution's packages (see scripts/bootstrap.sh).
+find_package(jsoncpp CONFIG REQUIRED)   # every JSON document
+find_package(OpenSSL REQUIRED)          # SHA-256 digests, later JWT signatures
+find_package(fmt CONFIG REQUIRED)       # type-safe printf-style log formatting
+find_package(utf8cpp CONFIG REQUIRED)   # UTF-8 <-> wide conversions
+find_package(Threads REQUIRED)
+
+if(TARGET JsonCpp::JsonCpp)
+  set(ZEP_JSONCPP JsonCpp::JsonCpp)
+elseif(TARGET jsoncpp_lib)
+  set(ZEP_JSONCPP jsoncpp_lib)
+else()
+  set(ZEP_JSONCPP jsoncpp_static)
+endif()

@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build needs, when any is missing.
+# Quiet and fast when everything is there already.
+set -euo pipefail
+
+packages=(
+  cmake ninja-build g++          # the toolchain
+  libjsoncpp-dev                 # every JSON document
+  libssl-dev                     # SHA-256 (and later token signatures)
+  libfmt-dev                     # type-safe printf-style log formatting
+  libutfcpp-dev                  # UTF-8 <-> wide conversions
+  libgtest-dev libgmock-dev      # tests
+  libbenchmark-dev               # benchmarks
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q "install ok installed"; then
+    missing+=("$package")
+  fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+echo "bootstrap: installing ${missing[*]}"
+sudo=""
+if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

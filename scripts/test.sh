@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# The whole test suite: a debug build and an AddressSanitizer +
+# UndefinedBehaviorSanitizer build of everything, and a ThreadSanitizer build
+# of the concurrency tests. Warnings are errors in all of them.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+./scripts/bootstrap.sh
+
+jobs="$(nproc)"
+for preset in debug asan; do
+  echo "== $preset: build"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" -j "$jobs"
+  echo "== $preset: test"
+  ctest --preset "$preset" -j "$jobs"
+done
+
+echo "== tsan: build (concurrency tests)"
+cmake --preset tsan >/dev/null
+cmake --build --preset tsan -j "$jobs" --target concurrency_tests
+echo "== tsan: test"
+ctest --preset tsan -j "$jobs"

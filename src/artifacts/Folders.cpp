@@ -1,0 +1,25 @@
+// Where a scan's files lie: the persistent diagnostics tree under the agent's
+// data root and the temporary component tree.
+#include "DiagnosticScanner/DiagnosticsManager.h"
+#include "platform/CommonBase.h"
+#include "platform/Paths.h"
+
+using zep::path::NativePath;
+
+void DiagnosticsManager::GetScanFolderPath(std::wstring& out) {
+    std::wstring root;
+    utility::GetZepAppDataRootPath(root);
+    out = root + NativePath(L"\\diagnostics\\latest\\");
+}
+
+void DiagnosticsManager::GetComponentFolderPath(std::wstring& out) {
+    // The temporary folder ends with a separator, so none is inserted.
+    out = FileSystem::GetTempFolderPath() + NativePath(L"Quorin\\Zep");
+}
+
+void DiagnosticsManager::GetZipFolderName(std::wstring& out) {
+    out = CoreUtility::GetInstance()->GetLogicalDeviceID() + L"_" + scanID;
+}
+
+// Staging and packing of the scan's files are not collected yet.
+void DiagnosticsManager::CreateZipFolder() {}

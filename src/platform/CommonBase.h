@@ -1,0 +1,142 @@
+// The agent's base library as the module sees it. These names are the ones the
+// agent's other modules use; each is a thin layer over the installed Env
+// (Env.h), so the module's code reads like the agent's and tests can replace
+// what lies beneath.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/AgentEnv.h"
+#include "platform/Log.h"
+#include "platform/WinTypes.h"
+
+// Files and folders. Paths in the running system's form (Paths.h).
+class FileSystem {
+public:
+    static bool fileExists(const std::wstring& path);
+    static bool directoryExists(const std::wstring& path);
+    // Creates the folder, with its parents when `recursive`; true when it exists afterwards.
+    static bool createDirectory(const std::wstring& path, bool recursive);
+    // Deletes a file or folder (a whole tree when `recursive`); true when it is gone.
+    static bool deleteDirectoryOrFile(const std::wstring& path, bool recursive);
+    static bool copyFile(const std::wstring& from, const std::wstring& to);
+    static bool copyDir(const std::wstring& from, const std::wstring& to);
+    // Size in bytes; 0 when the file cannot be read.
+    static std::uint64_t fileSize(const std::wstring& path);
+    static bool readFile(const std::wstring& path, std::string& contents);
+    // Replaces the file atomically (see FileSystemEnv::WriteFileAtomically).
+    static bool writeFileAtomically(const std::wstring& path, const std::string& contents);
+    // The last component of a path, and everything before its last separator.
+    static std::wstring getFileName(const std::wstring& path);
+    static std::wstring getDirectoryName(const std::wstring& path);
+    // The system's temporary folder, ending with a separator.
+    static std::wstring GetTempFolderPath();
+    // Appends the files below `folder` (recursively) whose names end with
+    // `filter` (all files when empty); returns how many it appended.
+    static int GetFileListForFolder(const std::wstring& folder, const std::wstring& filter,
+                                    std::vector<std::wstring>& files);
+};
+
+// Text conversions and comparisons.
+class String {
+public:
+    static std::string UTF16ToUTF8(const std::wstring& text);
+    static std::wstring UTF8ToUTF16(const std::string& text);
+    static std::wstring ToLower(const std::wstring& text);
+    static std::wstring ToUpper(const std::wstring& text);
+    static bool CaseInsesitiveEqual(const std::wstring& a, const std::wstring& b);
+};
+
+namespace utility {
+// The agent's application-data root, without a trailing separator. False when
+// the agent's installation cannot be found; `root` is then left empty.
+bool GetZepAppDataRootPath(std::wstring& root);
+// The system directory, without a trailing separator.
+std::wstring GetSystemDirectoryW();
+// Opens `log` as the file `fileName` in the agent's log folder.
+void InitLog(Log& log, const std::string& fileName, int maxFiles);
+}  // namespace utility
+
+// Registry reads (registry key paths keep their backslashes on every system).
+class CRegUtil {
+public:
+    static bool DoesKeyExists(HKEY hive, const std::wstring& key);
+    // Non-zero on success.
+    static int GetRegValueOfDwordType(HKEY hive, const std::wstring& key, const std::wstring& name, DWORD& value);
+    static int GetRegValueOfStringType(HKEY hive, const std::wstring& key, const std::wstring& name,
+                                       std::wstring& value);
+};
+
+class ProcessWrap {
+public:
+    // Runs a command line; non-zero when it ran and exited with 0.
+    static int LaunchApplicationAndCheckExitCode(const std::wstring& commandLine, const std::wstring& arguments,
+                                                 bool wait, void* hostContext);
+};
+
+class CoreUtility {
+public:
+    static CoreUtility* GetInstance();
+    bool IsDeviceRegistered();
+    std::wstring GetDeviceID();
+    std::wstring GetLogicalDeviceID();
+    // SHA-256 of `input` as 64 lower-case hexadecimal characters; 0 on success.
+    static unsigned long CreateSHA256Hash(std::string& digest, const std::string& input);
+    // True unless `notAfter` (ISO 8601 UTC) lies in the future. A certificate
+    // without a thumbprint or with an unreadable expiry counts as expired.
+    static bool IsCertificateExpired(const std::string& thumbprint, const std::string& notAfter);
+};
+
+// A GMT date and time, as the platform's date-time helpers pass it around.
+struct GmtDateTime {
+    int year = 1970, month = 1, day = 1, hour = 0, minute = 0, second = 0, millisecond = 0;
+};
+
+class DateTimeUtility {
+public:
+    static GmtDateTime GetCurrentGmtDatetime();
+    // ISO 8601 UTC to the second, for example 2026-11-21T10:15:30Z.
+    static std::string convertGMTTimeToString(const GmtDateTime& time);
+};
+
+class System {
+public:
+    // The same rendering as DateTimeUtility::convertGMTTimeToString, wide.
+    static std::wstring GetTime(const GmtDateTime& time);
+    static std::wstring GetLoggedInUserSID();
+};
+
+class CGuid {
+public:
+    // A new random GUID; format 1 is lower case without braces.
+    static std::wstring NewGuid(int format);
+};
+
+class NetworkUtility {
+public:
+    bool IsInternetConnected(DWORD& flags);
+};
+
+class DeveloperSettings {
+public:
+    static DeveloperSettings* GetInstance();
+    bool EnableCustomSettings();
+    bool DisableJwtValidation();
+};
+
+class DeviceSubscriptionUtility {
+public:
+    static bool isDeviceProvision();
+};
+
+namespace zep {
+class AgentFactory {
+public:
+    static AgentFactory* GetInstance();
+    std::shared_ptr<platform::NotificationAgent> GetNotificationAgent();
+    std::shared_ptr<platform::CoreAdapter> GetCoreAdapterAgent();
+};
+}  // namespace zep

@@ -1,0 +1,51 @@
+// Files and folders. Paths are wide strings in the running system's form
+// (see Paths.h). Implementations must be safe to call from several threads;
+// none of the operations throws.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zep::platform {
+
+class FileSystemEnv {
+public:
+    virtual ~FileSystemEnv() = default;
+
+    // True when `path` names a regular file (links are followed).
+    virtual bool FileExists(const std::wstring& path) = 0;
+    // True when `path` names a directory (links are followed).
+    virtual bool DirectoryExists(const std::wstring& path) = 0;
+    // Creates `path`, with its missing parents when `recursive`. True when the
+    // directory exists afterwards, also when it existed before.
+    virtual bool CreateDirectory(const std::wstring& path, bool recursive) = 0;
+    // Removes a file or an empty directory, or a whole tree when `recursive`.
+    // True when nothing is left at `path` afterwards (absent counts as removed).
+    virtual bool Remove(const std::wstring& path, bool recursive) = 0;
+    // Copies one regular file, replacing `to`. False on any failure.
+    virtual bool CopyFile(const std::wstring& from, const std::wstring& to) = 0;
+    // Copies the contents of directory `from` into `to` recursively, creating
+    // `to` and merging into what is there. False when anything failed.
+    virtual bool CopyDirectory(const std::wstring& from, const std::wstring& to) = 0;
+    // Size in bytes of a regular file; nullopt when it cannot be read.
+    virtual std::optional<std::uint64_t> FileSize(const std::wstring& path) = 0;
+    // Reads a whole file. False when it cannot be opened or read.
+    virtual bool ReadFile(const std::wstring& path, std::string& contents) = 0;
+    // Writes `contents` to `path`, truncating it. False on failure; a failure
+    // may leave the file partly written.
+    virtual bool WriteFile(const std::wstring& path, std::string_view contents) = 0;
+    // Replaces `path` with `contents` atomically: a temporary file beside it is
+    // written, flushed to stable storage and renamed over `path`. On failure
+    // the old file is unchanged and the temporary file is removed.
+    virtual bool WriteFileAtomically(const std::wstring& path, std::string_view contents) = 0;
+    // Paths of the regular files below `folder` (recursively when asked), in
+    // the order the directory walk yields them; empty when unreadable.
+    virtual std::vector<std::wstring> ListFiles(const std::wstring& folder, bool recursive) = 0;
+    // Bytes available to the caller on the volume holding `path`.
+    virtual std::optional<std::uint64_t> FreeSpace(const std::wstring& path) = 0;
+};
+
+}  // namespace zep::platform

@@ -1,0 +1,33 @@
+#include "platform/Paths.h"
+
+#include "platform/Strings.h"
+
+namespace zep::path {
+
+std::wstring NativePath(std::wstring_view windowsLiteral) {
+    std::wstring out(windowsLiteral);
+#ifndef _WIN32
+    for (auto& c : out) {
+        if (c == L'\\') c = L'/';
+    }
+#endif
+    return out;
+}
+
+std::filesystem::path ToFs(const std::wstring& path) {
+#ifdef _WIN32
+    return std::filesystem::path(path);
+#else
+    return std::filesystem::path(text::EncodeFileName(path));
+#endif
+}
+
+std::wstring FromFs(const std::filesystem::path& path) {
+#ifdef _WIN32
+    return path.wstring();
+#else
+    return text::DecodeFileName(path.native());
+#endif
+}
+
+}  // namespace zep::path

@@ -1,0 +1,30 @@
+// The one place that decides how the module's paths are spelt.
+//
+// Path texts in the module are written the Windows way, with backslashes, so
+// that they read like the agent's own. NativePath turns such a literal into the
+// running system's form: unchanged on Windows, '\' -> '/' elsewhere. It is for
+// literals the module writes, never for names that come from outside.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+
+namespace zep::path {
+
+#ifdef _WIN32
+inline constexpr wchar_t kSeparator = L'\\';
+#else
+inline constexpr wchar_t kSeparator = L'/';
+#endif
+
+// A path literal in the running system's separators.
+std::wstring NativePath(std::wstring_view windowsLiteral);
+
+// Wide path <-> std::filesystem::path without loss. On POSIX a file name that
+// is not valid UTF-8 survives the round trip: each undecodable byte is carried
+// as a lone surrogate U+DC80..U+DCFF (the "surrogateescape" convention).
+std::filesystem::path ToFs(const std::wstring& path);
+std::wstring FromFs(const std::filesystem::path& path);
+
+}  // namespace zep::path

@@ -1,0 +1,165 @@
+#include "platform/posix/PosixFileSystem.h"
+
+#include <fcntl.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <string>
+
+#include "platform/Paths.h"
+
+namespace fs = std::filesystem;
+
+namespace zep::platform {
+namespace {
+
+// Writes all of `data` to `fd`, retrying short writes and interruptions.
+bool WriteAll(int fd, std::string_view data) {
+    while (!data.empty()) {
+        const ssize_t written = ::write(fd, data.data(), data.size());
+        if (written < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        data.remove_prefix(static_cast<std::size_t>(written));
+    }
+    return true;
+}
+
+// Makes a rename durable by syncing the folder that holds the new name.
+void SyncParent(const fs::path& path) {
+    const fs::path parent = path.has_parent_path() ? path.parent_path() : fs::path(".");
+    const int fd = ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd >= 0) {
+        ::fsync(fd);
+        ::close(fd);
+    }
+}
+
+}  // namespace
+
+bool PosixFileSystem::FileExists(const std::wstring& path) {
+    std::error_code ec;
+    return fs::is_regular_file(path::ToFs(path), ec);
+}
+
+bool PosixFileSystem::DirectoryExists(const std::wstring& path) {
+    std::error_code ec;
+    return fs::is_directory(path::ToFs(path), ec);
+}
+
+bool PosixFileSystem::CreateDirectory(const std::wstring& path, bool recursive) {
+    std::error_code ec;
+    const fs::path target = path::ToFs(path);
+    if (recursive) {
+        fs::create_directories(target, ec);
+    } else {
+        fs::create_directory(target, ec);
+    }
+    return fs::is_directory(target, ec);
+}
+
+bool PosixFileSystem::Remove(const std::wstring& path, bool recursive) {
+    std::error_code ec;
+    const fs::path target = path::ToFs(path);
+    if (recursive) {
+        fs::remove_all(target, ec);
+    } else {
+        fs::remove(target, ec);
+    }
+    return !ec && !fs::exists(fs::symlink_status(target, ec));
+}
+
+bool PosixFileSystem::CopyFile(const std::wstring& from, const std::wstring& to) {
+    std::error_code ec;
+    return fs::copy_file(path::ToFs(from), path::ToFs(to), fs::copy_options::overwrite_existing, ec) && !ec;
+}
+
+bool PosixFileSystem::CopyDirectory(const std::wstring& from, const std::wstring& to) {
+    std::error_code ec;
+    const fs::path source = path::ToFs(from);
+    if (!fs::is_directory(source, ec)) return false;
+    fs::create_directories(path::ToFs(to), ec);
+    fs::copy(source, path::ToFs(to), fs::copy_options::recursive | fs::copy_options::overwrite_existing, ec);
+    return !ec;
+}
+
+std::optional<std::uint64_t> PosixFileSystem::FileSize(const std::wstring& path) {
+    std::error_code ec;
+    const auto size = fs::file_size(path::ToFs(path), ec);
+    if (ec) return std::nullopt;
+    return static_cast<std::uint64_t>(size);
+}
+
+bool PosixFileSystem::ReadFile(const std::wstring& path, std::string& contents) {
+    const int fd = ::open(path::ToFs(path).c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    contents.clear();
+    char buffer[65536];
+    bool ok = true;
+    for (;;) {
+        const ssize_t got = ::read(fd, buffer, sizeof buffer);
+        if (got < 0) {
+            if (errno == EINTR) continue;
+            ok = false;
+            break;
+        }
+        if (got == 0) break;
+        contents.append(buffer, static_cast<std::size_t>(got));
+    }
+    ::close(fd);
+    return ok;
+}
+
+bool PosixFileSystem::WriteFile(const std::wstring& path, std::string_view contents) {
+    const int fd = ::open(path::ToFs(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    const bool ok = WriteAll(fd, contents);
+    return ::close(fd) == 0 && ok;
+}
+
+bool PosixFileSystem::WriteFileAtomically(const std::wstring& path, std::string_view contents) {
+    static std::atomic<unsigned> sequence{0};
+    const fs::path target = path::ToFs(path);
+    fs::path temporary = target;
+    temporary += ".tmp." + std::to_string(::getpid()) + "." + std::to_string(sequence.fetch_add(1));
+    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    if (fd < 0) return false;
+    bool ok = WriteAll(fd, contents) && ::fsync(fd) == 0;
+    ok = (::close(fd) == 0) && ok;
+    if (ok) ok = ::rename(temporary.c_str(), target.c_str()) == 0;
+    if (!ok) {
+        ::unlink(temporary.c_str());
+        return false;
+    }
+    SyncParent(target);
+    return true;
+}
+
+std::vector<std::wstring> PosixFileSystem::ListFiles(const std::wstring& folder, bool recursive) {
+    std::vector<std::wstring> files;
+    std::error_code ec;
+    const fs::path root = path::ToFs(folder);
+    if (recursive) {
+        for (fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec), end;
+             !ec && it != end; it.increment(ec)) {
+            if (it->is_regular_file(ec)) files.push_back(path::FromFs(it->path()));
+        }
+    } else {
+        for (fs::directory_iterator it(root, fs::directory_options::skip_permission_denied, ec), end;
+             !ec && it != end; it.increment(ec)) {
+            if (it->is_regular_file(ec)) files.push_back(path::FromFs(it->path()));
+        }
+    }
+    return files;
+}
+
+std::optional<std::uint64_t> PosixFileSystem::FreeSpace(const std::wstring& path) {
+    struct statvfs info {};
+    if (::statvfs(path::ToFs(path).c_str(), &info) != 0) return std::nullopt;
+    return static_cast<std::uint64_t>(info.f_bavail) * static_cast<std::uint64_t>(info.f_frsize);
+}
+
+}  // namespace zep::platform

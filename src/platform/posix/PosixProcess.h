@@ -1,0 +1,31 @@
+// ProcessEnv with posix_spawn: argument vectors only, never a shell.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/ProcessEnv.h"
+
+namespace zep::platform {
+
+class PosixProcess : public ProcessEnv {
+public:
+    // A Windows command line cannot run here as it is: it is split into an
+    // argument vector by the rules of CommandLineToArgvW and spawned without
+    // a shell. Ends the process group after `ceiling` (0: no ceiling).
+    explicit PosixProcess(std::chrono::milliseconds ceiling = std::chrono::minutes(30));
+
+    int LaunchCommandLine(const std::wstring& commandLine, const std::wstring& arguments, bool wait,
+                          void* hostContext) override;
+    ProcessResult Spawn(const ProcessSpec& spec) override;
+
+private:
+    std::chrono::milliseconds ceiling_;
+};
+
+// Splits a Windows command line the way CommandLineToArgvW does (the program
+// name up to the next blank or between double quotes; then backslashes and
+// double quotes by the 2n / 2n+1 rule).
+std::vector<std::wstring> SplitWindowsCommandLine(const std::wstring& commandLine);
+
+}  // namespace zep::platform

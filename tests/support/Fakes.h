@@ -1,0 +1,156 @@
+// Test doubles for the platform seam. Each replaces one concern of the Env and
+// lets a test script what the platform answers and see what the module asked.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "platform/Env.h"
+
+namespace zep::testing {
+
+// A clock that moves only when told to. SleepFor advances it.
+class FakeClock : public platform::ClockEnv {
+public:
+    std::chrono::nanoseconds SteadyNow() override { return std::chrono::nanoseconds(steady_.load()); }
+    std::chrono::system_clock::time_point SystemNow() override;
+    void SleepFor(std::chrono::milliseconds duration) override { Advance(duration); }
+
+    void Advance(std::chrono::nanoseconds by);
+    void SetSystemTime(std::chrono::system_clock::time_point time);
+
+private:
+    std::atomic<std::int64_t> steady_{1'000'000'000};
+    std::atomic<std::int64_t> systemMs_{1795256130000};  // 2026-11-21T10:15:30Z
+};
+
+// Records every command and answers with the scripted result. `onLaunch`
+// runs for each command line, before it is answered (for side effects such as
+// advancing a fake clock or writing the files a script would write).
+class RecordingProcess : public platform::ProcessEnv {
+public:
+    int LaunchCommandLine(const std::wstring& commandLine, const std::wstring& arguments, bool wait,
+                          void* hostContext) override;
+    platform::ProcessResult Spawn(const platform::ProcessSpec& spec) override;
+
+    std::vector<std::wstring> CommandLines() const;
+    std::vector<platform::ProcessSpec> Spawns() const;
+
+    std::function<int(const std::wstring& commandLine)> onLaunch;
+    std::function<platform::ProcessResult(const platform::ProcessSpec& spec)> onSpawn;
+    void* lastHostContext = nullptr;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::wstring> commandLines_;
+    std::vector<platform::ProcessSpec> spawns_;
+};
+
+// Identity, cloud state and network, as plain fields.
+class ScriptedDevice : public platform::DeviceEnv, public platform::NetworkEnv {
+public:
+    std::wstring DeviceId() override { return Get(deviceId); }
+    std::wstring LogicalDeviceId() override { return Get(logicalDeviceId); }
+    std::wstring AgentId() override { return Get(agentId); }
+    std::wstring ServiceVersion() override { return Get(serviceVersion); }
+    bool IsRegistered() override { return registered; }
+    bool IsProvisioned() override { return provisioned; }
+    bool HasCommercialIntent() override { return commercialIntent; }
+    bool IsInternetConnected(DWORD& flags) override {
+        flags = online ? 1u : 0u;
+        return online;
+    }
+
+    std::wstring deviceId = L"0f4c2d1e-aaaa-bbbb-cccc-000000000001";
+    std::wstring logicalDeviceId = L"LD-TEST01";
+    std::wstring agentId = L"9a1b2c3d-4e5f-4a6b-8c7d-0123456789ab";
+    std::wstring serviceVersion = L"4.12.3.0";
+    std::atomic<bool> registered{true};
+    std::atomic<bool> provisioned{true};
+    std::atomic<bool> commercialIntent{true};
+    std::atomic<bool> online{true};
+
+private:
+    std::wstring Get(const std::wstring& field) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return field;
+    }
+    std::mutex mutex_;
+};
+
+class FakeNotificationAgent : public platform::NotificationAgent {
+public:
+    bool IsMqttEnabled() override { return mqttEnabled; }
+    int GetMqttConnectionState() override { return state; }
+    bool IsMqttDisconnectExpected() override { return disconnectExpected; }
+    bool AreMqttRetriesExceeded() override { return retriesExceeded; }
+
+    bool mqttEnabled = true;
+    int state = 2;
+    bool disconnectExpected = false;
+    bool retriesExceeded = false;
+};
+
+class FakeCoreAdapter : public platform::CoreAdapter {
+public:
+    platform::RegisteredCertificate GetRegisteredCertificate() override { return certificate; }
+    platform::RegisteredCertificate certificate{true, "3F2A9C", "2027-11-21T00:00:00Z"};
+};
+
+class ScriptedAgents : public platform::AgentEnv {
+public:
+    std::shared_ptr<platform::NotificationAgent> GetNotificationAgent() override { return notificationAgent; }
+    std::shared_ptr<platform::CoreAdapter> GetCoreAdapter() override { return coreAdapter; }
+
+    std::shared_ptr<FakeNotificationAgent> notificationAgent = std::make_shared<FakeNotificationAgent>();
+    std::shared_ptr<FakeCoreAdapter> coreAdapter = std::make_shared<FakeCoreAdapter>();
+};
+
+class ScriptedSettings : public platform::SettingsEnv {
+public:
+    bool EnableCustomSettings() override { return enableCustomSettings; }
+    bool DisableJwtValidation() override { return disableJwtValidation; }
+    std::atomic<bool> enableCustomSettings{false};
+    std::atomic<bool> disableJwtValidation{false};
+};
+
+// Well-known folders inside a test's own directory.
+class TestSystem : public platform::SystemEnv {
+public:
+    explicit TestSystem(std::wstring root) : root_(std::move(root)) {}
+    std::optional<std::wstring> AppDataRoot() override { return root_ + L"/programdata"; }
+    std::wstring TempFolder() override { return root_ + L"/temp/"; }
+    std::wstring SystemDirectory() override { return L"C:\\Windows\\System32"; }
+    std::wstring WindowsDirectory() override { return L"C:\\Windows"; }
+    std::wstring LoggedInUserSid() override { return loggedInUserSid; }
+    std::wstring loggedInUserSid;
+
+private:
+    std::wstring root_;
+};
+
+// Keeps the log's lines in memory.
+class MemoryLog : public platform::LogEnv, public platform::LogSink {
+public:
+    std::shared_ptr<platform::LogSink> OpenLog(const std::string& fileName, int maxFiles) override;
+    void Write(std::string_view line) override;
+
+    std::vector<std::string> Lines() const;
+    // Messages (the text after the time, level and thread), in order.
+    std::vector<std::string> Messages() const;
+    bool Contains(const std::string& text) const;
+    std::size_t Count(const std::string& text) const;
+    void Clear();
+    std::string openedName;
+    int openedMaxFiles = 0;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> lines_;
+};
+
+}  // namespace zep::testing

@@ -1,0 +1,45 @@
+// A whole platform made of test doubles, installed for the lifetime of one
+// object: files are real, under a fresh temporary folder; everything else is
+// scripted. The module's log goes to `log`.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "platform/InProcessHub.h"
+#include "platform/MemoryRegistry.h"
+#include "support/Fakes.h"
+
+namespace zep::testing {
+
+class TestPlatform {
+public:
+    TestPlatform();
+    ~TestPlatform();
+    TestPlatform(const TestPlatform&) = delete;
+    TestPlatform& operator=(const TestPlatform&) = delete;
+
+    // Installs `env` again after a test replaced one of its members.
+    void Reinstall();
+
+    std::filesystem::path rootPath;  // the test's folder
+    std::wstring root;               // the same, wide
+
+    std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();
+    std::shared_ptr<platform::MemoryRegistry> registry = std::make_shared<platform::MemoryRegistry>();
+    std::shared_ptr<RecordingProcess> processes = std::make_shared<RecordingProcess>();
+    std::shared_ptr<ScriptedDevice> device = std::make_shared<ScriptedDevice>();
+    std::shared_ptr<ScriptedAgents> agents = std::make_shared<ScriptedAgents>();
+    std::shared_ptr<ScriptedSettings> settings = std::make_shared<ScriptedSettings>();
+    std::shared_ptr<MemoryLog> log = std::make_shared<MemoryLog>();
+    std::shared_ptr<TestSystem> system;
+    std::shared_ptr<platform::InProcessHub> hub = std::make_shared<platform::InProcessHub>();
+    platform::Env env;
+};
+
+// Reads a whole file; empty when it cannot be read.
+std::string ReadText(const std::filesystem::path& path);
+void WriteText(const std::filesystem::path& path, const std::string& text);
+
+}  // namespace zep::testing

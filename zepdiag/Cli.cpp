@@ -1,0 +1,109 @@
+#include "Cli.h"
+
+#include <set>
+
+namespace zepdiag {
+namespace {
+
+std::optional<Command> CommandNamed(const std::string& name) {
+    if (name == "init") return Command::Init;
+    if (name == "scan") return Command::Scan;
+    if (name == "notify") return Command::Notify;
+    if (name == "online") return Command::Online;
+    if (name == "help") return Command::Help;
+    return std::nullopt;
+}
+
+// The options each command accepts; anything else is a usage error rather
+// than silently ignored, so a typo cannot run a different scan than meant.
+std::set<std::string> OptionsOf(Command command) {
+    switch (command) {
+        case Command::Scan: return {"--device", "--scheduled"};
+        case Command::Notify: return {"--device", "--payload"};
+        case Command::Init:
+        case Command::Online: return {"--device"};
+        case Command::Help: break;
+    }
+    return {};
+}
+
+ParsedCommandLine Fail(std::string error) { return ParsedCommandLine{std::nullopt, std::move(error)}; }
+
+}  // namespace
+
+ParsedCommandLine ParseCommandLine(const std::vector<std::string>& args) {
+    Options options;
+    for (const auto& arg : args) {
+        if (arg == "--help" || arg == "-h") return ParsedCommandLine{options, ""};
+    }
+    if (args.empty()) return ParsedCommandLine{options, ""};
+
+    const auto command = CommandNamed(args[0]);
+    if (!command) return Fail("unknown command '" + args[0] + "'");
+    options.command = *command;
+    const auto accepted = OptionsOf(*command);
+
+    bool payloadGiven = false;
+    for (std::size_t i = 1; i < args.size(); ++i) {
+        std::string name = args[i];
+        std::optional<std::string> value;
+        if (const auto equals = name.find('='); name.rfind("--", 0) == 0 && equals != std::string::npos) {
+            value = name.substr(equals + 1);
+            name.resize(equals);
+        }
+        if (accepted.count(name) == 0) {
+            return Fail("unknown option '" + name + "' for '" + args[0] + "'");
+        }
+        if (name == "--scheduled") {
+            if (value) return Fail("--scheduled takes no value");
+            options.scheduled = true;
+            continue;
+        }
+        if (!value) {
+            if (i + 1 >= args.size()) return Fail(name + " needs a value");
+            value = args[++i];
+        }
+        if (name == "--device") {
+            if (value->empty()) return Fail("--device needs a folder");
+            options.device = *value;
+        } else {
+            options.payload = *value;
+            payloadGiven = true;
+        }
+    }
+    if (options.command == Command::Notify && !payloadGiven) return Fail("notify needs --payload JSON");
+    return ParsedCommandLine{options, ""};
+}
+
+std::string UsageText() {
+    return R"(Usage: zepdiag <command> [options]
+
+Runs the ZEP agent's diagnostics module on a device folder: a directory that
+holds a device's state (device.json), registry (registry.reg), application
+data (programdata/) and temporary folder (temp/).
+
+Commands:
+  init     Create a demo device folder. An existing device folder is left
+           unchanged; any other non-empty folder is refused.
+  scan     Run a diagnostics scan as the agent's service starts one, and
+           print the built-in component's result.
+  notify   Deliver a getDiagnostics request through the notification hub, as
+           the cloud sends it over MQTT, and print the result of the scan.
+  online   Deliver the "device is online" notification.
+  help     Show this text.
+
+Options:
+  --device DIR     The device folder (default: ./zep-device). scan, notify
+                   and online create a demo device there when it is missing
+                   or empty.
+  --scheduled      scan: run it as a scheduled scan instead of a manual one.
+  --payload JSON   notify: the request's payload, for example
+                   '{"zep-message":{"action":{"cmd_param":{"requestId":"r1","target":["zep"]}}}}'
+  -h, --help       Show this text.
+
+Exit status: 0 when the command ran (whatever the scan found), 2 for a usage
+error or a folder that cannot be used as a device folder, 1 otherwise.
+)";
+}
+
+}  // namespace zepdiag

@@ -1,0 +1,29 @@
+// The command line of zepdiag: what to do and on which device folder.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zepdiag {
+
+enum class Command { Help, Init, Scan, Notify, Online };
+
+struct Options {
+    Command command = Command::Help;
+    std::string device = "zep-device";  // relative to the working directory
+    bool scheduled = false;             // scan: report the scan as scheduled, not manual
+    std::string payload;                // notify: the notification's JSON text
+};
+
+struct ParsedCommandLine {
+    std::optional<Options> options;  // empty on a usage error
+    std::string error;               // what was wrong, for the user
+};
+
+// Parses the arguments after the program name.
+ParsedCommandLine ParseCommandLine(const std::vector<std::string>& args);
+
+std::string UsageText();
+
+}  // namespace zepdiag

@@ -1,0 +1,208 @@
+#include "Zepdiag.h"
+
+#include <chrono>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "Cli.h"
+#include "DemoDevice.h"
+#include "DiagnosticScanner/DiagnosticsManager.h"
+#include "Summary.h"
+#include "platform/InProcessHub.h"
+#include "platform/Strings.h"
+#include "platform/ZEPNotificationData.h"
+#include "platform/posix/DeviceFolderEnv.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using zep::platform::InProcessHub;
+using namespace zepdiag;
+
+constexpr int kFailure = 1;
+constexpr int kUnusable = 2;  // usage errors and folders that are no device
+
+// The hub's topics and states that the module listens to.
+constexpr int kTopicGetDiagnostics = 3;
+constexpr int kTopicNetwork = 6;
+constexpr int kStateNone = 0;
+
+// The manager is a process-wide singleton that subscribes to the hub of the
+// Env installed when Init runs and never unsubscribes from it. Every hub is
+// therefore kept until the process ends, so that nothing the manager holds
+// names a hub that is gone.
+std::shared_ptr<InProcessHub> NewHub() {
+    static std::mutex mutex;
+    static std::vector<std::shared_ptr<InProcessHub>> hubs;
+    auto hub = std::make_shared<InProcessHub>();
+    std::lock_guard<std::mutex> lock(mutex);
+    hubs.push_back(hub);
+    return hub;
+}
+
+// Absolute and without a trailing separator, so that what is printed is the
+// path the module itself logs.
+fs::path DeviceFolderPath(const std::string& argument) {
+    std::error_code code;
+    fs::path dir = fs::absolute(argument, code);
+    if (code) dir = argument;
+    dir = dir.lexically_normal();
+    if (!dir.has_filename() && dir != dir.root_path()) dir = dir.parent_path();
+    return dir;
+}
+
+bool CreateDemo(const fs::path& dir, std::ostream& out, std::ostream& err) {
+    std::string error;
+    if (!CreateDemoDevice(dir, std::chrono::system_clock::now(), error)) {
+        err << "zepdiag: cannot create the demo device in " << dir.string() << ": " << error << '\n';
+        return false;
+    }
+    out << "Created a demo device in " << dir.string() << '\n';
+    return true;
+}
+
+int RunInit(const fs::path& dir, std::ostream& out, std::ostream& err) {
+    switch (InspectDeviceFolder(dir)) {
+        case FolderKind::Device:
+            // Running init twice is harmless: the device and whatever was
+            // changed in it stay as they are.
+            out << dir.string() << " is a device folder already; nothing was changed.\n";
+            return 0;
+        case FolderKind::Other:
+            err << "zepdiag: " << dir.string()
+                << " is not empty and is not a device folder; choose a new or empty folder\n";
+            return kUnusable;
+        case FolderKind::NotADirectory:
+            err << "zepdiag: " << dir.string() << " exists and is not a folder\n";
+            return kUnusable;
+        case FolderKind::Missing:
+        case FolderKind::Empty: break;
+    }
+    return CreateDemo(dir, out, err) ? 0 : kUnusable;
+}
+
+// A device folder ready for the module: a missing or empty one becomes a demo
+// device first. False (with the reason on `err`) when it cannot be used.
+bool PrepareDeviceFolder(const fs::path& dir, std::ostream& out, std::ostream& err) {
+    switch (InspectDeviceFolder(dir)) {
+        case FolderKind::Device: return true;
+        case FolderKind::Missing:
+        case FolderKind::Empty: return CreateDemo(dir, out, err);
+        case FolderKind::Other:
+            err << "zepdiag: " << dir.string()
+                << " is not a device folder (it has neither device.json nor programdata/); "
+                   "create one with 'zepdiag init --device <new folder>'\n";
+            return false;
+        case FolderKind::NotADirectory:
+            err << "zepdiag: " << dir.string() << " exists and is not a folder\n";
+            return false;
+    }
+    return false;
+}
+
+// The module running on one device folder, with a hub of its own.
+struct Session {
+    fs::path dir;
+    std::shared_ptr<InProcessHub> hub;
+    DiagnosticsManager* manager = nullptr;
+};
+
+Session StartModule(const fs::path& dir) {
+    Session session{dir, NewHub(), nullptr};
+    zep::platform::InstallEnv(zep::platform::MakeDeviceFolderEnv(zep::text::DecodeFileName(dir.native()), session.hub));
+    session.manager = DiagnosticsManager::GetInstance();
+    // Init again on every call: it subscribes to the hub just installed and
+    // opens the log of this device folder.
+    session.manager->Init(nullptr);
+    return session;
+}
+
+int RunScan(const Session& session, bool scheduled, std::ostream& out) {
+    const ResultFiles before = ListComponentResults(session.dir);
+    session.manager->StartDiagnosticsScan(scheduled ? 0 : DiagnosticsManager::kManualScanRequest, std::nullopt);
+    session.manager->WaitForScanToFinish();
+    PrintScanSummary(out, session.dir, scheduled ? "Scheduled" : "Manual",
+                     NewestWrittenSince(before, ListComponentResults(session.dir)));
+    return 0;
+}
+
+// Publishes and waits until the module has handled the notification and any
+// scan it started has ended.
+void Deliver(const Session& session, ZEPNotificationData notification) {
+    session.hub->Publish(std::move(notification));
+    session.hub->WaitUntilIdle();
+    session.manager->WaitForScanToFinish();
+}
+
+int RunNotify(const Session& session, const std::string& payload, std::ostream& out) {
+    const ResultFiles before = ListComponentResults(session.dir);
+    Deliver(session, ZEPNotificationData(kTopicGetDiagnostics, kStateNone, L"run", L"getDiagnostics",
+                                         zep::text::FromUtf8(payload)));
+    const auto result = NewestWrittenSince(before, ListComponentResults(session.dir));
+    if (!result) {
+        // The module does not say whether it took the request; a scan of the
+        // built-in component always leaves its result, so none means no scan
+        // of it ran (rate limit, or a payload whose targets leave out "zep").
+        out << "Device folder:  " << session.dir.string() << '\n'
+            << "Trigger:        Mqtt\n"
+            << "No scan of the built-in component ran for this notification: it was filtered out (rate "
+               "limit) or its targets do not include \"zep\". See the module log: "
+            << ModuleLogPath(session.dir).string() << '\n';
+        return 0;
+    }
+    PrintScanSummary(out, session.dir, "Mqtt", result);
+    return 0;
+}
+
+int RunOnline(const Session& session, std::ostream& out) {
+    Deliver(session, ZEPNotificationData(kTopicNetwork, kStateNone, L"", L"", L""));
+    out << "Device folder:  " << session.dir.string() << '\n'
+        << "The online notification was delivered to the module.\n"
+        << "Module log:     " << ModuleLogPath(session.dir).string() << '\n';
+    return 0;
+}
+
+int Run(const Options& options, std::ostream& out, std::ostream& err) {
+    if (options.command == Command::Help) {
+        out << UsageText();
+        return 0;
+    }
+    const fs::path dir = DeviceFolderPath(options.device);
+    if (options.command == Command::Init) return RunInit(dir, out, err);
+    if (!PrepareDeviceFolder(dir, out, err)) return kUnusable;
+
+    const Session session = StartModule(dir);
+    switch (options.command) {
+        case Command::Scan: return RunScan(session, options.scheduled, out);
+        case Command::Notify: return RunNotify(session, options.payload, out);
+        case Command::Online: return RunOnline(session, out);
+        case Command::Help:
+        case Command::Init: break;
+    }
+    return kFailure;
+}
+
+}  // namespace
+
+int RunZepdiag(int argc, char** argv, std::ostream& out, std::ostream& err) {
+    const std::vector<std::string> args(argv + (argc > 0 ? 1 : 0), argv + (argc > 0 ? argc : 0));
+    const ParsedCommandLine parsed = ParseCommandLine(args);
+    if (!parsed.options) {
+        err << "zepdiag: " << parsed.error << "\n\n" << UsageText();
+        return kUnusable;
+    }
+    try {
+        return Run(*parsed.options, out, err);
+    } catch (const std::exception& ex) {
+        err << "zepdiag: " << ex.what() << '\n';
+    } catch (...) {
+        err << "zepdiag: unexpected failure\n";
+    }
+    return kFailure;
+}
