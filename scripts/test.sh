@@ -15,8 +15,8 @@ for preset in debug asan; do
   ctest --preset "$preset" -j "$jobs"
 done
 
-echo "== tsan: build (concurrency tests)"
+echo "== tsan: build (the tests that run threads)"
 cmake --preset tsan >/dev/null
-cmake --build --preset tsan -j "$jobs" --target concurrency_tests
+cmake --build --preset tsan -j "$jobs" --target concurrency_tests manager_tests platform_tests
 echo "== tsan: test"
 ctest --preset tsan -j "$jobs"
