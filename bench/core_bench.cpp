@@ -8,6 +8,8 @@
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "platform/Log.h"
 #include "platform/Strings.h"
+#include "platform/CommonBase.h"
+#include "results/ProblemSignature.h"
 #include "results/ResultFormat.h"
 #include "support/ManagerPeer.h"
 #include "support/TestPlatform.h"
@@ -70,5 +72,32 @@ void BM_FormatExecutionTime(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_FormatExecutionTime);
+
+// The problem signature of a scan with 10,000 failed tests (100 components of
+// 100 failed tests each, read in reverse order): input text and SHA-256.
+void BM_ProblemSignature10kFailedTests(benchmark::State& state) {
+    std::vector<Json::Value> components;
+    for (int c = 99; c >= 0; --c) {
+        Json::Value component(Json::objectValue);
+        component["componentId"] = "component-" + std::to_string(c);
+        component["executionTimeSeconds"] = "0.125";
+        Json::Value tests(Json::arrayValue);
+        for (int t = 99; t >= 0; --t) {
+            Json::Value test(Json::objectValue);
+            test["id"] = "7f3c1a2e-6d56-4eb7-8fdf-" + std::to_string(100000000000 + t);
+            test["result"] = "fail";
+            tests.append(std::move(test));
+        }
+        component["tests"] = std::move(tests);
+        components.push_back(std::move(component));
+    }
+    for (auto _ : state) {
+        const auto summary = zep::results::SummariseComponents(components, 0.0f);
+        std::string digest;
+        CoreUtility::CreateSHA256Hash(digest, summary.signatureInput);
+        benchmark::DoNotOptimize(digest.data());
+    }
+}
+BENCHMARK(BM_ProblemSignature10kFailedTests)->Unit(benchmark::kMicrosecond);
 
 }  // namespace

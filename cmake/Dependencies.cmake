@@ -4,6 +4,13 @@ find_package(OpenSSL REQUIRED)          # SHA-256 digests, later JWT signatures
 find_package(fmt CONFIG REQUIRED)       # type-safe printf-style log formatting
 find_package(utf8cpp CONFIG REQUIRED)   # UTF-8 <-> wide conversions
 find_package(Threads REQUIRED)
+if(NOT WIN32)
+  # Native zip archives (deflate). Through pkg-config: Debian's CMake package
+  # of libzip insists on command-line tools that are packaged separately.
+  find_package(PkgConfig REQUIRED)
+  pkg_check_modules(LIBZIP REQUIRED IMPORTED_TARGET libzip)
+  set(ZEP_BACKEND_LIBS PkgConfig::LIBZIP)
+endif()
 
 if(TARGET JsonCpp::JsonCpp)
   set(ZEP_JSONCPP JsonCpp::JsonCpp)

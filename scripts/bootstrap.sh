@@ -4,11 +4,12 @@
 set -euo pipefail
 
 packages=(
-  cmake ninja-build g++          # the toolchain
+  cmake ninja-build g++ pkgconf  # the toolchain
   libjsoncpp-dev                 # every JSON document
   libssl-dev                     # SHA-256 (and later token signatures)
   libfmt-dev                     # type-safe printf-style log formatting
   libutfcpp-dev                  # UTF-8 <-> wide conversions
+  libzip-dev                     # zip archives on Linux (deflate)
   libgtest-dev libgmock-dev      # tests
   libbenchmark-dev               # benchmarks
 )

@@ -1,27 +1,58 @@
-// Finding a scan's built-in component result in a device folder and printing
-// it for people.
+// Finding what a scan left in a device folder (its scan result and zip) and
+// printing it for people.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
-#include <map>
 #include <optional>
 #include <ostream>
 #include <string>
+#include <vector>
+
+#include <json/json.h>
 
 namespace zepdiag {
 
-// The built-in component results under DIR/temp/Quorin/Zep/<scan>/ZEP/, with
-// their modification times.
-using ResultFiles = std::map<std::filesystem::path, std::filesystem::file_time_type>;
-ResultFiles ListComponentResults(const std::filesystem::path& deviceDir);
+// programdata/diagnostics/latest/scan-result.json as it was at one moment. A
+// scan rewrites the file; comparing two snapshots tells whether one ran.
+struct ResultSnapshot {
+    bool exists = false;
+    std::filesystem::file_time_type modified{};
+    std::string content;
+};
 
-// The newest of `after` that is not in `before` or changed since: the result
-// that a scan between the two listings wrote. Empty when there is none.
-std::optional<std::filesystem::path> NewestWrittenSince(const ResultFiles& before, const ResultFiles& after);
+std::filesystem::path ScanResultPath(const std::filesystem::path& deviceDir);
+ResultSnapshot SnapshotScanResult(const std::filesystem::path& deviceDir);
 
-// The folder, the trigger and, when `resultFile` is given, the result's scan
-// name, component, result type, time and test table; then where the result
-// and the module's log are. What is missing is reported as "not produced".
+// The scan result when it exists and differs from `before` (in time or
+// content): the one a scan since `before` wrote. Empty otherwise.
+std::optional<std::filesystem::path> ScanResultWrittenSince(const std::filesystem::path& deviceDir,
+                                                            const ResultSnapshot& before);
+
+// The zip of scan `scanId` in programdata/diagnostics/latest/
+// (<logical device id>_<scan id>.zip). Empty when there is none.
+std::optional<std::filesystem::path> FindScanZip(const std::filesystem::path& deviceDir, const std::string& scanId);
+
+// A zip's size and entry names. `error` is set (and `entries` empty) when the
+// archive cannot be read.
+struct ZipListing {
+    std::filesystem::path path;
+    std::uintmax_t size = 0;
+    std::vector<std::string> entries;
+    std::string error;
+};
+ZipListing ReadZipListing(const std::filesystem::path& zip);
+
+// Pure formatting, one block of lines each, labels aligned with the rest of
+// the summary. Missing fields read "not produced".
+std::string HumanSize(std::uintmax_t bytes);                  // "512 B", "1.5 KiB", "3.2 MiB"
+std::string FormatTestTable(const Json::Value& component);    // the component's "Tests:" line and table
+std::string FormatComponent(const Json::Value& component);    // name, result type, time, tests
+std::string FormatScanResult(const Json::Value& scanResult);  // trigger .. signature, then the components
+std::string FormatZipListing(const ZipListing& zip);          // path, size, entries (at most 60 named)
+
+// Everything above for one run: `resultFile` is this run's scan result, if
+// any; `trigger` is what was asked for, shown when there is no result.
 void PrintScanSummary(std::ostream& out, const std::filesystem::path& deviceDir, const std::string& trigger,
                       const std::optional<std::filesystem::path>& resultFile);
 

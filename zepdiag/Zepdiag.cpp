@@ -124,11 +124,11 @@ Session StartModule(const fs::path& dir) {
 }
 
 int RunScan(const Session& session, bool scheduled, std::ostream& out) {
-    const ResultFiles before = ListComponentResults(session.dir);
+    const ResultSnapshot before = SnapshotScanResult(session.dir);
     session.manager->StartDiagnosticsScan(scheduled ? 0 : DiagnosticsManager::kManualScanRequest, std::nullopt);
     session.manager->WaitForScanToFinish();
     PrintScanSummary(out, session.dir, scheduled ? "Scheduled" : "Manual",
-                     NewestWrittenSince(before, ListComponentResults(session.dir)));
+                     ScanResultWrittenSince(session.dir, before));
     return 0;
 }
 
@@ -141,22 +141,18 @@ void Deliver(const Session& session, ZEPNotificationData notification) {
 }
 
 int RunNotify(const Session& session, const std::string& payload, std::ostream& out) {
-    const ResultFiles before = ListComponentResults(session.dir);
+    const ResultSnapshot before = SnapshotScanResult(session.dir);
     Deliver(session, ZEPNotificationData(kTopicGetDiagnostics, kStateNone, L"run", L"getDiagnostics",
                                          zep::text::FromUtf8(payload)));
-    const auto result = NewestWrittenSince(before, ListComponentResults(session.dir));
-    if (!result) {
-        // The module does not say whether it took the request; a scan of the
-        // built-in component always leaves its result, so none means no scan
-        // of it ran (rate limit, or a payload whose targets leave out "zep").
-        out << "Device folder:  " << session.dir.string() << '\n'
-            << "Trigger:        Mqtt\n"
-            << "No scan of the built-in component ran for this notification: it was filtered out (rate "
-               "limit) or its targets do not include \"zep\". See the module log: "
-            << ModuleLogPath(session.dir).string() << '\n';
-        return 0;
-    }
+    const auto result = ScanResultWrittenSince(session.dir, before);
     PrintScanSummary(out, session.dir, "Mqtt", result);
+    if (!result) {
+        // The module does not say whether it took the request; every scan it
+        // runs for one rewrites the scan result, so an unchanged one means it
+        // ran none (rate limit, or targets this device does not scan).
+        out << "\nNo scan result was written for this notification: it was filtered out (rate limit) or its "
+               "targets leave out every component scanned here. See the module log.\n";
+    }
     return 0;
 }
 

@@ -21,6 +21,9 @@ class ZEPNotificationData;
 namespace Json {
 class Value;
 }
+namespace zep::platform {
+struct Package;
+}
 
 class DIAGSCANNER_API DiagnosticsManager {
 public:
@@ -34,6 +37,16 @@ public:
         std::wstring componentId;
         std::wstring friendlyName;
         std::int32_t failedTests = 0;  // non-zero means problematic
+    };
+
+    // One parsed line of a scan history: six comma-separated fields.
+    struct ScanHistoryEntry {
+        std::wstring timeStamp;
+        std::int32_t triggerType = 0;  // 0 manual, 1 scheduled, 2 mqtt
+        std::uint8_t sentToCloud = 0;  // 0 uploaded, 1 failed, 2 offline
+        std::uint8_t artifactStatus = 0;
+        std::int32_t failedTestCount = 0;
+        std::wstring problemSignature;
     };
 
     // Request codes of StartDiagnosticsScan.
@@ -67,8 +80,17 @@ public:
                         std::wstring& executionTime, ResultType& result);
     void HandleFlowAfterRunOfTests(commonComponent& component);
     void GenerateDiagnosticsForPackages();
+    // Writes the time-out result of a package whose script ran too long.
+    void GenerateComponentResultForPackage(const zep::platform::Package& package, const std::wstring& outputFolder);
     void UploadDiagnosticsResults();
+    // Stages the scan's files, the agent's context and logs, and packs them.
     void CreateZipFolder();
+    // Packs `sourceDir` into `destinationDir`\`zipFileName` and deletes
+    // `sourceDir` once the archive exists.
+    void CreateZip(std::wstring sourceDir, std::wstring destinationDir, std::wstring zipFileName);
+    void GenerateScanResultInJson();
+    bool IsProblemSignatureDuplicate(std::wstring signature);
+    bool ParseScanHistoryLine(const std::wstring& line, ScanHistoryEntry& entry);
     // Completes an upload that the last scan left for when the device is online.
     void DeviceHasComeOnline();
 
@@ -102,11 +124,27 @@ private:
     std::wstring GetResultType(ResultType& result);
     std::wstring GetTriggerType();
 
+    void ParseComponentJson(const std::string& path, std::vector<Json::Value>& out);
+    std::vector<std::string> GetAllJsonFilePaths(const std::string& folder);
+    void RepopulateComponentResultValues();
+    std::wstring GetCurrentTimeStamp();
+    bool GenerateProblemSignature(const std::vector<Json::Value>& components, std::wstring& signature);
+
     void GetScanFolderPath(std::wstring& out);
     void GetComponentFolderPath(std::wstring& out);
     void GetZipFolderName(std::wstring& out);
+    bool CreateIntermediateDirectories(const std::wstring& path);
+    void CopyDataInZip(const std::wstring& stagingFolder);
+    void CopyScanResultFile(const std::wstring& stagingFolder);
 
-    void GenerateScanResultInJson();
+    void AddZEPContext(const std::wstring& agentFolder);
+    void AddZEPFolderInfo(const std::wstring& contextFolder);
+    void AddSyncDBToContextFolder(const std::wstring& contextFolder);
+    void AddZEPVersionInfo(const std::wstring& contextFolder);
+    void AddZEPRegistryData(const std::wstring& contextFolder);
+    void AddZEPLog(const std::wstring& agentFolder);
+    void AddIfArtifactsWereProvided(const std::wstring& resultFilePath);
+
     void AddArtifactSize();
     void GenerateScanHistory();
     void LogCriticalEvent();

@@ -20,6 +20,3 @@ void DiagnosticsManager::GetComponentFolderPath(std::wstring& out) {
 void DiagnosticsManager::GetZipFolderName(std::wstring& out) {
     out = CoreUtility::GetInstance()->GetLogicalDeviceID() + L"_" + scanID;
 }
-
-// Staging and packing of the scan's files are not collected yet.
-void DiagnosticsManager::CreateZipFolder() {}

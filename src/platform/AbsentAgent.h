@@ -32,6 +32,7 @@ public:
     bool KeyExists(Hive, const std::wstring&) override { return false; }
     bool GetDword(Hive, const std::wstring&, const std::wstring&, DWORD&) override { return false; }
     bool GetString(Hive, const std::wstring&, const std::wstring&, std::wstring&) override { return false; }
+    std::vector<RegistryKeyData> Snapshot(Hive, const std::wstring&) override { return {}; }
 };
 
 class AbsentHub : public HubEnv {
@@ -50,6 +51,12 @@ class DefaultSettings : public SettingsEnv {
 public:
     bool EnableCustomSettings() override { return false; }
     bool DisableJwtValidation() override { return false; }
+};
+
+class EmptyPolicy : public PolicyEnv {
+public:
+    UpdatePolicy GetUpdatePolicy() override { return {}; }
+    std::wstring GetPackageRepositoryFolder(const Package&) override { return L""; }
 };
 
 class DroppingLogEnv : public LogEnv {

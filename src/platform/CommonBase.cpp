@@ -33,6 +33,9 @@ std::uint64_t FileSystem::fileSize(const std::wstring& path) { return CurrentEnv
 bool FileSystem::readFile(const std::wstring& path, std::string& contents) {
     return CurrentEnv()->files->ReadFile(path, contents);
 }
+bool FileSystem::writeFile(const std::wstring& path, const std::string& contents) {
+    return CurrentEnv()->files->WriteFile(path, contents);
+}
 bool FileSystem::writeFileAtomically(const std::wstring& path, const std::string& contents) {
     return CurrentEnv()->files->WriteFileAtomically(path, contents);
 }
@@ -53,6 +56,22 @@ std::wstring FileSystem::getDirectoryName(const std::wstring& path) {
         if (IsSeparator(path[i - 1])) return path.substr(0, i - 1);
     }
     return std::wstring();
+}
+
+std::wstring FileSystem::GetExtendedAbsolutePathW(const std::wstring& path) {
+    return zep::path::ExtendedAbsolute(path);
+}
+
+bool FileSystem::FindFileInDirectoryTree(const std::wstring& folder, const std::wstring& extension,
+                                         std::wstring& found) {
+    for (auto& file : CurrentEnv()->files->ListFiles(folder, true)) {
+        if (file.size() >= extension.size() &&
+            file.compare(file.size() - extension.size(), extension.size(), extension) == 0) {
+            found = std::move(file);
+            return true;
+        }
+    }
+    return false;
 }
 
 std::wstring FileSystem::GetTempFolderPath() { return CurrentEnv()->system->TempFolder(); }
@@ -92,6 +111,7 @@ bool utility::GetZepAppDataRootPath(std::wstring& root) {
 }
 
 std::wstring utility::GetSystemDirectoryW() { return CurrentEnv()->system->SystemDirectory(); }
+std::wstring utility::GetWindowsDirectoryW() { return CurrentEnv()->system->WindowsDirectory(); }
 
 void utility::InitLog(Log& log, const std::string& fileName, int maxFiles) {
     log.Open(CurrentEnv()->logs->OpenLog(fileName, maxFiles));
@@ -115,6 +135,13 @@ int CRegUtil::GetRegValueOfStringType(HKEY hive, const std::wstring& key, const 
 }
 
 // ---- ProcessWrap ------------------------------------------------------------
+
+std::chrono::milliseconds ProcessWrap::ChildProcessCeiling() {
+    DWORD seconds = 30 * 60;
+    CRegUtil::GetRegValueOfDwordType(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Quorin\\ZEP\\DeviceSupport",
+                                     L"ChildProcessTimeoutInSeconds", seconds);
+    return std::chrono::seconds(seconds);
+}
 
 int ProcessWrap::LaunchApplicationAndCheckExitCode(const std::wstring& commandLine, const std::wstring& arguments,
                                                    bool wait, void* hostContext) {

@@ -4,6 +4,7 @@
 // what lies beneath.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -29,11 +30,21 @@ public:
     static bool readFile(const std::wstring& path, std::string& contents);
     // Replaces the file atomically (see FileSystemEnv::WriteFileAtomically).
     static bool writeFileAtomically(const std::wstring& path, const std::string& contents);
+    // Writes the file, truncating it (not atomic).
+    static bool writeFile(const std::wstring& path, const std::string& contents);
     // The last component of a path, and everything before its last separator.
     static std::wstring getFileName(const std::wstring& path);
     static std::wstring getDirectoryName(const std::wstring& path);
     // The system's temporary folder, ending with a separator.
     static std::wstring GetTempFolderPath();
+    // The absolute form of a path in the system's long-path syntax ("\\?\"
+    // prefixed on Windows; the plain absolute path elsewhere). A trailing
+    // wildcard component is kept.
+    static std::wstring GetExtendedAbsolutePathW(const std::wstring& path);
+    // The first file below `folder` (recursively, in walk order) whose name
+    // ends with `extension` (letter case as given); false when there is none.
+    static bool FindFileInDirectoryTree(const std::wstring& folder, const std::wstring& extension,
+                                        std::wstring& found);
     // Appends the files below `folder` (recursively) whose names end with
     // `filter` (all files when empty); returns how many it appended.
     static int GetFileListForFolder(const std::wstring& folder, const std::wstring& filter,
@@ -56,6 +67,8 @@ namespace utility {
 bool GetZepAppDataRootPath(std::wstring& root);
 // The system directory, without a trailing separator.
 std::wstring GetSystemDirectoryW();
+// The Windows directory, without a trailing separator.
+std::wstring GetWindowsDirectoryW();
 // Opens `log` as the file `fileName` in the agent's log folder.
 void InitLog(Log& log, const std::string& fileName, int maxFiles);
 }  // namespace utility
@@ -72,6 +85,11 @@ public:
 
 class ProcessWrap {
 public:
+    // The hard limit on a child process's run (the whole process tree is ended
+    // after it, so that one hung script cannot hold every later scan): the
+    // DWORD "ChildProcessTimeoutInSeconds" under SOFTWARE\Quorin\ZEP\DeviceSupport,
+    // 30 minutes when absent, no limit when 0.
+    static std::chrono::milliseconds ChildProcessCeiling();
     // Runs a command line; non-zero when it ran and exited with 0.
     static int LaunchApplicationAndCheckExitCode(const std::wstring& commandLine, const std::wstring& arguments,
                                                  bool wait, void* hostContext);

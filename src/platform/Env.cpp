@@ -36,6 +36,8 @@ void InstallEnv(Env env) {
     Fill(env.agents, defaults.agents);
     Fill(env.settings, defaults.settings);
     Fill(env.logs, defaults.logs);
+    Fill(env.policy, defaults.policy);
+    // A null collection is a choice (the Windows way), not a gap to fill.
     auto installed = std::make_shared<const Env>(std::move(env));
     std::lock_guard<std::mutex> guard(EnvMutex());
     Installed() = std::move(installed);

@@ -13,10 +13,12 @@
 #include "DiagnosticScanner/Export.h"
 #include "platform/AgentEnv.h"
 #include "platform/ClockEnv.h"
+#include "platform/CollectionEnv.h"
 #include "platform/DeviceEnv.h"
 #include "platform/FileSystemEnv.h"
 #include "platform/HubEnv.h"
 #include "platform/LogEnv.h"
+#include "platform/PolicyEnv.h"
 #include "platform/ProcessEnv.h"
 #include "platform/RegistryEnv.h"
 #include "platform/SettingsEnv.h"
@@ -37,6 +39,10 @@ struct Env {
     std::shared_ptr<AgentEnv> agents;
     std::shared_ptr<SettingsEnv> settings;
     std::shared_ptr<LogEnv> logs;
+    std::shared_ptr<PolicyEnv> policy;
+    // Null: collection runs the agent's PowerShell and registry-editor
+    // command lines (the Windows way).
+    std::shared_ptr<CollectionEnv> collection;
 };
 
 // The operating system's own parts (files, folders, processes, clocks,
@@ -44,7 +50,8 @@ struct Env {
 // registered, offline, no hub, no agent components, a log that drops lines.
 DIAGSCANNER_API Env DefaultEnv();
 
-// Replaces the installed Env. Members left null are taken from DefaultEnv().
+// Replaces the installed Env. Members left null are taken from DefaultEnv(),
+// except `collection`, whose null means the Windows way.
 DIAGSCANNER_API void InstallEnv(Env env);
 
 // The installed Env (DefaultEnv() until something is installed). The result is

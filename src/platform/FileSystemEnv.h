@@ -28,7 +28,8 @@ public:
     // Copies one regular file, replacing `to`. False on any failure.
     virtual bool CopyFile(const std::wstring& from, const std::wstring& to) = 0;
     // Copies the contents of directory `from` into `to` recursively, creating
-    // `to` and merging into what is there. False when anything failed.
+    // `to` and merging into what is there. Symbolic links and special files
+    // are left out. False when anything failed.
     virtual bool CopyDirectory(const std::wstring& from, const std::wstring& to) = 0;
     // Size in bytes of a regular file; nullopt when it cannot be read.
     virtual std::optional<std::uint64_t> FileSize(const std::wstring& path) = 0;

@@ -14,14 +14,6 @@
 
 namespace zep::platform {
 
-// One value: a REG_DWORD or a REG_SZ.
-using RegistryValue = std::variant<DWORD, std::wstring>;
-
-struct RegistryKeyData {
-    std::wstring path;                                              // full key path as first written
-    std::vector<std::pair<std::wstring, RegistryValue>> values;     // in the order written
-};
-
 class MemoryRegistry : public RegistryEnv {
 public:
     bool KeyExists(Hive hive, const std::wstring& key) override;
@@ -38,9 +30,7 @@ public:
     // Removes everything.
     void Clear();
 
-    // The key and all keys below it, parents before children, siblings in
-    // case-insensitive order of their names (as the registry editor exports).
-    std::vector<RegistryKeyData> Snapshot(Hive hive, const std::wstring& key);
+    std::vector<RegistryKeyData> Snapshot(Hive hive, const std::wstring& key) override;
 
 private:
     struct Key {

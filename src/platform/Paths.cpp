@@ -14,6 +14,20 @@ std::wstring NativePath(std::wstring_view windowsLiteral) {
     return out;
 }
 
+std::wstring ExtendedAbsolute(const std::wstring& path) {
+    std::error_code ec;
+    auto absolute = std::filesystem::absolute(ToFs(path), ec);
+    if (ec) absolute = ToFs(path);
+#ifdef _WIN32
+    std::wstring text = absolute.wstring();
+    if (text.rfind(L"\\\\?\\", 0) == 0) return text;
+    if (text.rfind(L"\\\\", 0) == 0) return L"\\\\?\\UNC\\" + text.substr(2);
+    return L"\\\\?\\" + text;
+#else
+    return FromFs(absolute);
+#endif
+}
+
 std::filesystem::path ToFs(const std::wstring& path) {
 #ifdef _WIN32
     return std::filesystem::path(path);

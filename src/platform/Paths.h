@@ -21,6 +21,11 @@ inline constexpr wchar_t kSeparator = L'/';
 // A path literal in the running system's separators.
 std::wstring NativePath(std::wstring_view windowsLiteral);
 
+// The absolute form of `path` in the long-path syntax: "\\?\" + absolute
+// path on Windows, the plain absolute path elsewhere. Nothing is resolved or
+// normalised, so a trailing "*" component survives.
+std::wstring ExtendedAbsolute(const std::wstring& path);
+
 // Wide path <-> std::filesystem::path without loss. On POSIX a file name that
 // is not valid UTF-8 survives the round trip: each undecodable byte is carried
 // as a lone surrogate U+DC80..U+DCFF (the "surrogateescape" convention).

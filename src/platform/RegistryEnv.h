@@ -4,12 +4,24 @@
 #pragma once
 
 #include <string>
+#include <utility>
+#include <variant>
+#include <vector>
 
 #include "platform/WinTypes.h"
 
 namespace zep::platform {
 
 enum class Hive { LocalMachine, Users };
+
+// One value: a REG_DWORD or a REG_SZ.
+using RegistryValue = std::variant<DWORD, std::wstring>;
+
+// One key with its values, as an export lists it.
+struct RegistryKeyData {
+    std::wstring path;                                           // full key path as first written
+    std::vector<std::pair<std::wstring, RegistryValue>> values;  // in the order written
+};
 
 class RegistryEnv {
 public:
@@ -23,6 +35,10 @@ public:
     // Reads a REG_SZ value, with the same failure rules as GetDword.
     virtual bool GetString(Hive hive, const std::wstring& key, const std::wstring& name,
                            std::wstring& value) = 0;
+    // The key and all keys below it with their values, parents before
+    // children, siblings in case-insensitive order of their names (the order
+    // of the registry editor's export). Empty when the key does not exist.
+    virtual std::vector<RegistryKeyData> Snapshot(Hive hive, const std::wstring& key) = 0;
 };
 
 }  // namespace zep::platform

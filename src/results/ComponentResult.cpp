@@ -1,4 +1,10 @@
 // The manager's component result documents and per-scan result state.
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
 #include <json/json.h>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
@@ -7,7 +13,11 @@
 
 namespace {
 constexpr const char* kSaveLabel = "DiagnosticsManager::SaveComponentResultsToFile";
-}
+constexpr const char* kParseLabel = "DiagnosticsManager::ParseComponentJson";
+constexpr const char* kRepopulateLabel = "DiagnosticsManager::RepopulateComponentResultValues";
+
+std::wstring ExceptionText(const std::exception& ex) { return String::UTF8ToUTF16(ex.what()); }
+}  // namespace
 
 Json::Value DiagnosticsManager::GetJsonCommonData(commonComponent& component) {
     Json::Value document(Json::objectValue);
@@ -75,3 +85,75 @@ std::wstring DiagnosticsManager::GetScanID() const { return scanID; }
 std::wstring DiagnosticsManager::GetDiagnosticsCompletedTime() const { return diagnosticsCompletedTime; }
 std::wstring DiagnosticsManager::GetProblemSignature() const { return problemSignature; }
 std::wstring DiagnosticsManager::GetTotalExecutionTime() { return zep::results::FormatExecutionTime(_totalExecutionTime); }
+
+void DiagnosticsManager::ParseComponentJson(const std::string& path, std::vector<Json::Value>& out) {
+    try {
+        std::ifstream in(path, std::ios::binary);
+        if (!in.is_open()) {
+            g_log.d(L"%s Error opening component file:%s", kParseLabel, path);
+            return;
+        }
+        in.seekg(0, std::ios::end);
+        if (in.tellg() == std::streampos(0)) {
+            g_log.d(L"%s skipping empty component file:%s", kParseLabel, path);
+            return;
+        }
+        in.seekg(0, std::ios::beg);
+        // The default reader settings bound the nesting depth (stackLimit), so
+        // a hostile document ends in an exception, not a stack overflow.
+        Json::Value document;
+        in >> document;
+        out.push_back(std::move(document));
+    } catch (const std::exception& ex) {
+        g_log.d(L"%s: Exception Occurred: %ls", kParseLabel, ExceptionText(ex));
+    }
+}
+
+std::vector<std::string> DiagnosticsManager::GetAllJsonFilePaths(const std::string& folder) {
+    namespace fs = std::filesystem;
+    std::vector<std::string> paths;
+    // No error_code overloads: a walk that fails throws fs::filesystem_error,
+    // for the caller to decide about.
+    for (const fs::directory_entry& entry : fs::recursive_directory_iterator(fs::path(folder))) {
+        if (entry.is_regular_file() && entry.path().extension().string() == ".json") {
+            paths.push_back(entry.path().string());
+        }
+    }
+    g_log.d(L"total files: %d", paths.size());
+    return paths;
+}
+
+void DiagnosticsManager::RepopulateComponentResultValues() {
+    std::wstring path;
+    GetScanFolderPath(path);
+    path += L"scan-result.json";
+
+    std::string text;
+    if (!FileSystem::readFile(path, text)) {
+        g_log.d(L"%s Error opening component file:%s", kRepopulateLabel, path);
+        return;
+    }
+    // Fields are assigned one by one; those assigned before a failure keep
+    // their new values.
+    try {
+        std::istringstream in(text);
+        Json::Value document;
+        in >> document;
+
+        const std::string seconds = document["executionTimeSeconds"].asString();
+        if (!seconds.empty()) _totalExecutionTime += std::stof(seconds);
+        isProblematic = document["isProblematic"].asBool();
+        totalTestFailureCount = document["failTestCount"].asInt();
+        fileUploadStatus = false;
+        problemSignature = String::UTF8ToUTF16(document["problemSignature"].asString());
+        scanID = String::UTF8ToUTF16(document["id"].asString());
+    } catch (const std::exception& ex) {
+        g_log.d(L"%s: Exception Occurred: %ls", kRepopulateLabel, ExceptionText(ex));
+    }
+}
+
+std::wstring DiagnosticsManager::GetCurrentTimeStamp() {
+    std::wstring timeStamp = System::GetTime(DateTimeUtility::GetCurrentGmtDatetime());
+    g_log.d(L"Current timestamp : %s", timeStamp);
+    return timeStamp;
+}

@@ -51,7 +51,7 @@ TEST_F(IntakeTest, InitSubscribesKeepsTheContextAndOpensTheLog) {
     hub->Publish(Request(ManagerTest::Payload("viahub", R"(["zep"])")));
     hub->WaitUntilIdle();
     fresh.WaitForScanToFinish();
-    EXPECT_TRUE(std::filesystem::exists(ComponentResultPath(L"viahub")));
+    EXPECT_TRUE(std::filesystem::exists(ZipPath(L"viahub")));
 }
 
 TEST_F(IntakeTest, OnlyRunGetDiagnosticsIsARequest) {

@@ -51,14 +51,6 @@ protected:
         for (const auto& test : result["tests"]) names.push_back(test["friendlyName"].asString());
         return names;
     }
-    std::vector<std::filesystem::path> ScanFolders() {
-        std::vector<std::filesystem::path> folders;
-        std::error_code ec;
-        for (const auto& entry : std::filesystem::directory_iterator(platform.rootPath / "temp" / "Quorin" / "Zep", ec)) {
-            folders.push_back(entry.path());
-        }
-        return folders;
-    }
 };
 
 TEST_F(OrchestrationTest, RequestCodeDecidesTheTrigger) {
@@ -91,9 +83,9 @@ TEST_F(OrchestrationTest, RegisteredDeviceWritesFiveTestsInTheirDeliberateOrder)
 TEST_F(OrchestrationTest, UnregisteredDeviceWritesTwoTests) {
     platform.device->registered = false;
     Scan(211);
-    const auto folders = ScanFolders();
-    ASSERT_EQ(folders.size(), 1u);
-    const Json::Value result = ComponentResult(zep::text::FromUtf8(folders[0].filename().string()));
+    const auto names = ScanNames();
+    ASSERT_EQ(names.size(), 1u);
+    const Json::Value result = ComponentResult(names[0]);
     EXPECT_THAT(TestNames(result), ElementsAre("device_registered", "xrs_api_cert_pinning"));
     EXPECT_TRUE(result["isProblematic"].asBool());
 }
@@ -101,12 +93,12 @@ TEST_F(OrchestrationTest, UnregisteredDeviceWritesTwoTests) {
 TEST_F(OrchestrationTest, ScanWithoutRequestIdIsNamedByANewGuid) {
     Scan(211);
     Scan(0);
-    const auto folders = ScanFolders();
-    ASSERT_EQ(folders.size(), 2u);
-    for (const auto& folder : folders) {
-        const std::string name = folder.filename().string();
-        EXPECT_EQ(name.size(), 36u) << name;
-        EXPECT_EQ(name[14], '4') << name;
+    const auto names = ScanNames();
+    ASSERT_EQ(names.size(), 2u);
+    EXPECT_NE(names[0], names[1]);
+    for (const auto& name : names) {
+        EXPECT_EQ(name.size(), 36u) << zep::text::ToUtf8(name);
+        EXPECT_EQ(name[14], L'4') << zep::text::ToUtf8(name);
     }
 }
 
@@ -120,9 +112,9 @@ TEST_F(OrchestrationTest, UnsafeRequestIdsAreReplacedByAGuid) {
         platform.clock->Advance(11min);
         Deliver(Request(ManagerTest::Payload(id, R"(["zep"])")));
     }
-    const auto folders = ScanFolders();
-    ASSERT_EQ(folders.size(), std::size(hostile));
-    for (const auto& folder : folders) EXPECT_EQ(folder.filename().string().size(), 36u) << folder;
+    const auto names = ScanNames();
+    ASSERT_EQ(names.size(), std::size(hostile));
+    for (const auto& name : names) EXPECT_EQ(name.size(), 36u) << zep::text::ToUtf8(name);
     EXPECT_TRUE(std::filesystem::is_empty(platform.rootPath / "victim"));
     EXPECT_EQ(platform.log->Count("cannot name the scan's folders"), std::size(hostile));
     // The id itself is kept in the log, control characters escaped.
@@ -227,7 +219,7 @@ TEST_F(OrchestrationTest, PluginTargetsRunAfterTheAgentAndAloneSkipIt) {
     Scan(2, pluginOnly);
     EXPECT_EQ(ZepScans(), 0u);
     EXPECT_TRUE(platform.log->Contains("Trying to collect plugin Diagnostics for target: pluginx"));
-    EXPECT_TRUE(ScanFolders().empty());
+    EXPECT_TRUE(ScanNames().empty());
 
     platform.log->Clear();
     DiagnosticsParams both;

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -86,11 +87,8 @@ TEST_F(ScanConcurrencyTest, ConcurrentCallersNeverOverlapAndEveryScanRuns) {
 
     EXPECT_EQ(ZepScans(), static_cast<std::size_t>(kCallers * kScansEach));
     EXPECT_EQ(registry->maxActive.load(), 1);
-    std::size_t folders = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(platform.rootPath / "temp" / "Quorin" / "Zep")) {
-        folders += std::filesystem::exists(entry.path() / "ZEP" / "component-result.json") ? 1u : 0u;
-    }
-    EXPECT_EQ(folders, static_cast<std::size_t>(kCallers * kScansEach));
+    const auto names = ScanNames();
+    EXPECT_EQ(std::set<std::wstring>(names.begin(), names.end()).size(), static_cast<std::size_t>(kCallers * kScansEach));
 }
 
 TEST_F(ScanConcurrencyTest, RequestArrivingDuringAScanWaitsForItToEnd) {
@@ -102,13 +100,13 @@ TEST_F(ScanConcurrencyTest, RequestArrivingDuringAScanWaitsForItToEnd) {
     platform.hub->Publish(Request(ManagerTest::Payload("second", R"(["zep"])")));
     std::this_thread::sleep_for(50ms);
     EXPECT_EQ(ZepScans(), 0u) << "the first scan is held at its start";
-    EXPECT_FALSE(std::filesystem::exists(ComponentResultPath(L"second")));
+    EXPECT_FALSE(std::filesystem::exists(ZipPath(L"second")));
 
     registry->Release();
     platform.hub->WaitUntilIdle();
     manager->WaitForScanToFinish();
     EXPECT_EQ(ZepScans(), 2u);
-    EXPECT_TRUE(std::filesystem::exists(ComponentResultPath(L"second")));
+    EXPECT_TRUE(std::filesystem::exists(ZipPath(L"second")));
     EXPECT_EQ(registry->maxActive.load(), 1);
 
     // The request was judged after the first scan and started the second one.

@@ -118,6 +118,28 @@ public:
     std::atomic<bool> disableJwtValidation{false};
 };
 
+// The update policy's packages; their repositories lie under `repositoryRoot`.
+class ScriptedPolicy : public platform::PolicyEnv {
+public:
+    platform::UpdatePolicy GetUpdatePolicy() override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return policy;
+    }
+    std::wstring GetPackageRepositoryFolder(const platform::Package& package) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return repositoryRoot + L"/" + package.id;
+    }
+    void Add(const std::wstring& id, const std::wstring& name) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        policy.packages.push_back({id, name});
+    }
+    platform::UpdatePolicy policy;
+    std::wstring repositoryRoot;
+
+private:
+    std::mutex mutex_;
+};
+
 // Well-known folders inside a test's own directory.
 class TestSystem : public platform::SystemEnv {
 public:

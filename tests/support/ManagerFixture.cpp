@@ -1,8 +1,10 @@
 #include "support/ManagerFixture.h"
 
 #include <fstream>
+#include <sstream>
 
 #include "platform/Strings.h"
+#include "support/ZipReader.h"
 
 namespace zep::testing {
 
@@ -40,15 +42,34 @@ void ManagerTest::Scan(unsigned long requestCode, std::optional<DiagnosticsParam
     manager->WaitForScanToFinish();
 }
 
-std::filesystem::path ManagerTest::ComponentResultPath(const std::wstring& scanName) const {
-    return platform.rootPath / "temp" / "Quorin" / "Zep" / text::ToUtf8(scanName) / "ZEP" / "component-result.json";
+std::filesystem::path ManagerTest::ZipPath(const std::wstring& scanName) const {
+    return platform.rootPath / "programdata" / "diagnostics" / "latest" /
+           ("LD-TEST01_" + text::ToUtf8(scanName) + ".zip");
 }
 
 Json::Value ManagerTest::ComponentResult(const std::wstring& scanName) const {
-    std::ifstream in(ComponentResultPath(scanName));
+    std::string text;
+    if (auto packed = ZipRead(ZipPath(scanName), "ZEP/component-result.json")) {
+        text = *packed;
+    } else {
+        text = ReadText(platform.rootPath / "temp" / "Quorin" / "Zep" / text::ToUtf8(scanName) / "ZEP" /
+                        "component-result.json");
+    }
     Json::Value document;
-    if (in) in >> document;
+    std::istringstream(text) >> document;
     return document;
+}
+
+std::vector<std::wstring> ManagerTest::ScanNames() const {
+    const std::string marker = "DiagnosticsManager::CreateZipFolder: staging diagnostics under ";
+    const std::string prefix = "LD-TEST01_";
+    std::vector<std::wstring> names;
+    for (const auto& message : platform.log->Messages()) {
+        if (message.rfind(marker, 0) != 0) continue;
+        const std::string staging = std::filesystem::path(message.substr(marker.size())).filename().string();
+        if (staging.rfind(prefix, 0) == 0) names.push_back(text::FromUtf8(staging.substr(prefix.size())));
+    }
+    return names;
 }
 
 }  // namespace zep::testing

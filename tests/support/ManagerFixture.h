@@ -31,9 +31,13 @@ protected:
     // Runs one scan on the worker and waits for it.
     void Scan(unsigned long requestCode, std::optional<DiagnosticsParams> params = std::nullopt);
 
-    // The built-in component's result of scan `scanName`, parsed.
-    std::filesystem::path ComponentResultPath(const std::wstring& scanName) const;
+    // The archive of scan `scanName` (only the latest scan's survives).
+    std::filesystem::path ZipPath(const std::wstring& scanName) const;
+    // The built-in component's result of scan `scanName`, parsed: from its
+    // archive, or from the temporary folder when nothing was packed.
     Json::Value ComponentResult(const std::wstring& scanName) const;
+    // The names of the scans that were staged, in order (from the log).
+    std::vector<std::wstring> ScanNames() const;
     // How many scans ran the agent's own branch so far.
     std::size_t ZepScans() const { return platform.log->Count("Starting Zep Diagnostics"); }
 

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include <json/json.h>
+
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "platform/ZEPNotificationData.h"
 
@@ -51,8 +53,28 @@ public:
     void* hostContext() { return m_.hostContext; }
     bool initialized() { return m_.initialized; }
 
+    void SaveComponentResultsToFile(Json::Value& document, const std::wstring& path) {
+        m_.SaveComponentResultsToFile(document, path);
+    }
+
     static std::uint32_t TestTimeout() { return DiagnosticsManager::_testTimeoutInSeconds; }
     static void SetTestTimeout(std::uint32_t seconds) { DiagnosticsManager::_testTimeoutInSeconds = seconds; }
+
+    bool CreateIntermediateDirectories(const std::wstring& path) { return m_.CreateIntermediateDirectories(path); }
+    // What Init would have stored, for tests that check it reaches the launcher.
+    void SetHostContext(void* context) { m_.hostContext = context; }
+
+    // Result documents and the scan summary.
+    void ParseComponentJson(const std::string& path, std::vector<Json::Value>& out) {
+        m_.ParseComponentJson(path, out);
+    }
+    std::vector<std::string> GetAllJsonFilePaths(const std::string& folder) { return m_.GetAllJsonFilePaths(folder); }
+    void RepopulateComponentResultValues() { m_.RepopulateComponentResultValues(); }
+    std::wstring GetCurrentTimeStamp() { return m_.GetCurrentTimeStamp(); }
+    bool GenerateProblemSignature(const std::vector<Json::Value>& components, std::wstring& signature) {
+        return m_.GenerateProblemSignature(components, signature);
+    }
+    void AddArtifactSize() { m_.AddArtifactSize(); }
 
 private:
     DiagnosticsManager& m_;

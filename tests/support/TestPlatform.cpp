@@ -24,6 +24,7 @@ TestPlatform::TestPlatform() : rootPath(MakeTempRoot()), root(path::FromFs(rootP
     std::filesystem::create_directories(rootPath / "programdata");
     std::filesystem::create_directories(rootPath / "temp");
     system = std::make_shared<TestSystem>(root);
+    policy->repositoryRoot = root + L"/packages";
     env = platform::DefaultEnv();
     env.system = system;
     env.registry = registry;
@@ -35,6 +36,7 @@ TestPlatform::TestPlatform() : rootPath(MakeTempRoot()), root(path::FromFs(rootP
     env.agents = agents;
     env.settings = settings;
     env.logs = log;
+    env.policy = policy;
     Reinstall();
     g_log.Open(log->OpenLog("ZEPDiagnostics.log", 4));
 }

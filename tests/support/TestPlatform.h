@@ -1,6 +1,8 @@
 // A whole platform made of test doubles, installed for the lifetime of one
-// object: files are real, under a fresh temporary folder; everything else is
-// scripted. The module's log goes to `log`.
+// object: files are real, under a fresh temporary folder (programdata/ is the
+// agent's data root, temp/ the temporary folder, packages/ the package
+// repository); collection is the running system's native one; everything else
+// is scripted. The module's log goes to `log`.
 #pragma once
 
 #include <filesystem>
@@ -33,6 +35,7 @@ public:
     std::shared_ptr<ScriptedAgents> agents = std::make_shared<ScriptedAgents>();
     std::shared_ptr<ScriptedSettings> settings = std::make_shared<ScriptedSettings>();
     std::shared_ptr<MemoryLog> log = std::make_shared<MemoryLog>();
+    std::shared_ptr<ScriptedPolicy> policy = std::make_shared<ScriptedPolicy>();
     std::shared_ptr<TestSystem> system;
     std::shared_ptr<platform::InProcessHub> hub = std::make_shared<platform::InProcessHub>();
     platform::Env env;

@@ -5,15 +5,27 @@ set -euo pipefail
 zepdiag="$1"
 device="$(mktemp -d)/device"
 trap 'rm -rf "$(dirname "$device")"' EXIT
+latest="$device/programdata/diagnostics/latest"
 
 "$zepdiag" init --device "$device" | grep -q "Created a demo device"
 out="$("$zepdiag" scan --device "$device")"
-grep -q "Trigger: *Manual" <<<"$out"
+grep -q "^Trigger: *Manual$" <<<"$out"
 grep -q "xrs_api_cert_pinning" <<<"$out"
+grep -q "^Component: *Quorin VPN Client (com.quorin.vpnclient)$" <<<"$out"
+grep -Eq "^Problem signature: +[0-9a-fA-F]{64}$" <<<"$out"
+grep -q "^Zip: *$latest/LD-4F2A9C_.*\.zip$" <<<"$out"
+grep -q "^  ZEP/context/zep.reg$" <<<"$out"
+grep -q "^Result file: *$latest/scan-result.json$" <<<"$out"
+
 out="$("$zepdiag" notify --device "$device" \
   --payload '{"zep-message":{"action":{"cmd_param":{"requestId":"Smoke-1","target":["zep"]}}}}')"
-grep -q "Trigger: *Mqtt" <<<"$out"
-test -f "$device/temp/Quorin/Zep/smoke-1/ZEP/component-result.json"
+grep -q "^Trigger: *Mqtt$" <<<"$out"
+grep -q "^Scan id: *smoke-1$" <<<"$out"
+grep -Eq '"id"[[:space:]]*:[[:space:]]*"smoke-1"' "$latest/scan-result.json"
+ls "$latest"/*_smoke-1.zip >/dev/null
+# The scan's temporary folder is gone once it is packed.
+test ! -e "$device/temp/Quorin/Zep/smoke-1"
+
 "$zepdiag" online --device "$device" >/dev/null
 grep -q "Starting Zep Diagnostics" "$device/programdata/Log/ZEPDiagnostics.log"
 if "$zepdiag" frobnicate >/dev/null 2>&1; then exit 1; fi

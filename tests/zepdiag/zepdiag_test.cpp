@@ -15,8 +15,10 @@
 #include <vector>
 
 #include <json/json.h>
+#include <zip.h>
 
 #include "Cli.h"
+#include "Summary.h"
 #include "Zepdiag.h"
 #include "platform/CivilTime.h"
 #include "platform/InProcessHub.h"
@@ -63,16 +65,46 @@ Outcome Zepdiag(std::vector<std::string> args) {
     return Outcome{code, out.str(), err.str()};
 }
 
-// The scans' folders under DIR/temp/Quorin/Zep that hold a built-in result.
-std::vector<std::string> ScanNames(const fs::path& device) {
-    std::vector<std::string> names;
-    std::error_code code;
-    for (const auto& entry : fs::directory_iterator(device / "temp" / "Quorin" / "Zep", code)) {
-        if (fs::is_regular_file(entry.path() / "ZEP" / "component-result.json")) {
-            names.push_back(entry.path().filename().string());
+// The value printed after "label:" in a summary, or "" when there is none.
+std::string SummaryValue(const std::string& out, const std::string& label) {
+    const std::regex line("(^|\\n)" + label + ": +([^\\n]*)");
+    std::smatch match;
+    return std::regex_search(out, match, line) ? match[2].str() : std::string();
+}
+
+// The lines of one component in a summary, from its "Component:" line (which
+// reads "<friendly name> (<component id>)") up to the next empty line. `name`
+// is either of the two.
+std::string ComponentBlock(const std::string& out, const std::string& name) {
+    std::size_t begin = 0;
+    while ((begin = out.find("Component:", begin)) != std::string::npos) {
+        const auto lineEnd = out.find('\n', begin);
+        const std::string value = SummaryValue(out.substr(begin, lineEnd - begin), "Component");
+        const std::string byId = "(" + name + ")";
+        if (value.rfind(name + " (", 0) == 0 ||
+            (value.size() > byId.size() && value.compare(value.size() - byId.size(), byId.size(), byId) == 0)) {
+            const auto end = out.find("\n\n", begin);
+            return out.substr(begin, end == std::string::npos ? std::string::npos : end - begin);
         }
+        begin = lineEnd;
     }
-    return names;
+    return "";
+}
+
+// Table rows of a block that end with the verdict.
+int Rows(const std::string& block, const std::string& verdict) {
+    int rows = 0;
+    std::istringstream lines(block);
+    for (std::string line; std::getline(lines, line);) {
+        rows += line.size() > verdict.size() && line.compare(line.size() - verdict.size(), verdict.size(), verdict) == 0
+                    ? 1
+                    : 0;
+    }
+    return rows;
+}
+
+bool HasLine(const std::string& out, const std::string& line) {
+    return ("\n" + out).find("\n" + line + "\n") != std::string::npos;
 }
 
 class ZepdiagTest : public ::testing::Test {
@@ -222,50 +254,260 @@ using ScanTest = ZepdiagTest;
 TEST_F(ScanTest, FreshFolderBecomesADeviceAndIsScanned) {
     const Outcome scan = Zepdiag({"scan", "--device", device.string()});
     ASSERT_EQ(scan.code, 0) << scan.err;
-    EXPECT_THAT(scan.out, HasSubstr("Manual"));
-    for (const char* test : kZepTests) EXPECT_THAT(scan.out, HasSubstr(test));
-    EXPECT_THAT(scan.out, HasSubstr("0 of 5"));
+    EXPECT_EQ(SummaryValue(scan.out, "Trigger"), "Manual");
     EXPECT_THAT(scan.out, Not(HasSubstr("not produced")));
 
-    const auto scans = ScanNames(device);
-    ASSERT_EQ(scans.size(), 1u);
-    EXPECT_THAT(scan.out, HasSubstr(scans[0]));
-    const Json::Value result = ParseJson(Read(device / "temp/Quorin/Zep" / scans[0] / "ZEP/component-result.json"));
-    EXPECT_EQ(result["tests"].size(), 5u);
-    EXPECT_FALSE(result["isProblematic"].asBool());
+    const std::string zep = ComponentBlock(scan.out, "ZEP");
+    for (const char* test : kZepTests) EXPECT_THAT(zep, HasSubstr(test));
+    EXPECT_EQ(Rows(zep, "PASS"), 5) << zep;
+    const std::string vpn = ComponentBlock(scan.out, "com.quorin.vpnclient");
+    EXPECT_EQ(Rows(vpn, "PASS"), 1) << vpn;
+    EXPECT_EQ(Rows(vpn, "FAIL"), 1) << vpn;
+    EXPECT_GE(std::atoi(SummaryValue(scan.out, "Failed tests").c_str()), 1) << scan.out;
+    EXPECT_TRUE(std::regex_match(SummaryValue(scan.out, "Problem signature"), std::regex("[0-9a-fA-F]{64}")))
+        << scan.out;
+
+    // What is printed is the scan result on disk and the zip next to it.
+    const fs::path latest = device / "programdata/diagnostics/latest";
+    const Json::Value result = ParseJson(Read(latest / "scan-result.json"));
+    const std::string id = result["id"].asString();
+    EXPECT_EQ(SummaryValue(scan.out, "Scan id"), id);
+    EXPECT_EQ(SummaryValue(scan.out, "Result file"), (latest / "scan-result.json").string());
+    const fs::path zip = SummaryValue(scan.out, "Zip");
+    EXPECT_EQ(zip.parent_path(), latest);
+    EXPECT_EQ(zip.filename().string(), "LD-4F2A9C_" + id + ".zip");
+    EXPECT_TRUE(fs::is_regular_file(zip));
+    EXPECT_THAT(SummaryValue(scan.out, "Zip size"), HasSubstr(std::to_string(fs::file_size(zip)) + " bytes"));
+    for (const char* entry : {"scan-result.json", "ZEP/component-result.json", "ZEP/context/zep.reg",
+                              "com.quorin.vpnclient/component-result.json"}) {
+        EXPECT_TRUE(HasLine(scan.out, std::string("  ") + entry)) << entry;
+    }
+    EXPECT_THAT(scan.out, HasSubstr("\n  ZEP/Log/"));
     EXPECT_GT(fs::file_size(device / "programdata/Log/ZEPDiagnostics.log"), 0u);
 }
 
 TEST_F(ScanTest, EachScanReportsItsOwnResult) {
-    ASSERT_EQ(Zepdiag({"scan", "--device", device.string()}).code, 0);
-    const auto first = ScanNames(device);
-    ASSERT_EQ(first.size(), 1u);
+    const Outcome first = Zepdiag({"scan", "--device", device.string()});
+    ASSERT_EQ(first.code, 0) << first.err;
+    const std::string firstId = SummaryValue(first.out, "Scan id");
+    ASSERT_FALSE(firstId.empty()) << first.out;
 
     // An unregistered device skips the dependent tests and fails one.
     std::ofstream(device / "device.json") << R"({"registered": false})";
     const Outcome scheduled = Zepdiag({"scan", "--device", device.string(), "--scheduled"});
     ASSERT_EQ(scheduled.code, 0) << scheduled.err;
-    EXPECT_THAT(scheduled.out, HasSubstr("Scheduled"));
-    EXPECT_THAT(scheduled.out, Not(HasSubstr(first[0])));
-    EXPECT_THAT(scheduled.out, HasSubstr("FAIL"));
-    EXPECT_THAT(scheduled.out, HasSubstr("1 of 2"));
-    EXPECT_EQ(ScanNames(device).size(), 2u);
+    EXPECT_EQ(SummaryValue(scheduled.out, "Trigger"), "Scheduled");
+    const std::string secondId = SummaryValue(scheduled.out, "Scan id");
+    EXPECT_FALSE(secondId.empty());
+    EXPECT_NE(secondId, firstId);
+    const std::string zep = ComponentBlock(scheduled.out, "ZEP");
+    EXPECT_EQ(Rows(zep, "FAIL"), 1) << zep;
+    EXPECT_THAT(zep, HasSubstr("1 of 2 failed"));
 }
 
-TEST_F(ScanTest, NotificationRequestNamesTheScan) {
-    const Outcome notify = Zepdiag({"notify", "--device", device.string(), "--payload",
-                                    R"({"zep-message":{"action":{"cmd_param":{"requestId":"r1","target":["zep"]}}}})"});
+// The rate limit holds for the whole process, so both requests are here.
+TEST_F(ScanTest, NotificationRequestNamesTheScanAndALimitedOneReportsNone) {
+    const std::string payload = R"({"zep-message":{"action":{"cmd_param":{"requestId":"R1","target":["zep"]}}}})";
+    const Outcome notify = Zepdiag({"notify", "--device", device.string(), "--payload", payload});
     ASSERT_EQ(notify.code, 0) << notify.err;
-    EXPECT_TRUE(fs::is_regular_file(device / "temp/Quorin/Zep/r1/ZEP/component-result.json"));
-    EXPECT_THAT(notify.out, HasSubstr("Mqtt"));
-    EXPECT_THAT(notify.out, HasSubstr("r1"));
+    EXPECT_EQ(SummaryValue(notify.out, "Trigger"), "Mqtt");
+    EXPECT_EQ(SummaryValue(notify.out, "Scan id"), "r1");
+    EXPECT_THAT(SummaryValue(notify.out, "Zip"), HasSubstr("_r1.zip"));
     for (const char* test : kZepTests) EXPECT_THAT(notify.out, HasSubstr(test));
+    const fs::path resultFile = device / "programdata/diagnostics/latest/scan-result.json";
+    EXPECT_EQ(ParseJson(Read(resultFile))["id"].asString(), "r1");
+
+    // The earlier result is still there, but it is not this run's.
+    const Outcome limited = Zepdiag({"notify", "--device", device.string(), "--payload", payload});
+    ASSERT_EQ(limited.code, 0) << limited.err;
+    EXPECT_EQ(SummaryValue(limited.out, "Trigger"), "Mqtt");
+    for (const char* label : {"Scan result", "Zip", "Result file"}) {
+        EXPECT_EQ(SummaryValue(limited.out, label), "not produced") << label;
+    }
+    EXPECT_EQ(SummaryValue(limited.out, "Scan id"), "");
+    EXPECT_THAT(limited.out, HasSubstr("rate limit"));
+    EXPECT_EQ(ParseJson(Read(resultFile))["id"].asString(), "r1");
 }
 
 TEST_F(ScanTest, OnlineNotificationIsDelivered) {
     const Outcome online = Zepdiag({"online", "--device", device.string()});
     EXPECT_EQ(online.code, 0) << online.err;
     EXPECT_THAT(online.out, HasSubstr("online notification was delivered"));
+}
+
+// ---- the summary's parts -----------------------------------------------------------
+
+Json::Value HandWrittenScanResult() {
+    return ParseJson(R"({
+        "trigger": "Mqtt", "id": "req-7", "deviceId": "LD-1", "executionTimeSeconds": "2.500",
+        "deviceTimeCompletedAt": "2024-05-01T10:00:00Z", "isProblematic": true, "failTestCount": 1,
+        "problemSignature": "",
+        "components": [
+          {"componentId": "ZEP", "friendlyName": "ZEP", "executionTimeSeconds": "0.120", "resultType": "Complete",
+           "tests": [
+             {"id": "a", "friendlyName": "device_registered", "expected": "registered", "actual": "registered",
+              "result": "pass"},
+             {"id": "b", "friendlyName": "mqtt", "expected": "2", "actual": "0", "result": "fail"}]},
+          {"componentId": "com.x", "friendlyName": "X client", "executionTimeSeconds": "0.042",
+           "resultType": "ErrorTimeOut", "tests": []},
+          {"componentId": "com.y", "friendlyName": "Y"}
+        ]})");
+}
+
+TEST(SummaryFormatTest, ScanResultReadsInOrderWithEveryComponent) {
+    const std::string text = zepdiag::FormatScanResult(HandWrittenScanResult());
+    std::size_t at = 0;
+    for (const char* line : {"Trigger:           Mqtt\n", "Scan id:           req-7\n", "Device id:         LD-1\n",
+                             "Completed at:      2024-05-01T10:00:00Z\n", "Execution time:    2.500 s\n",
+                             "Failed tests:      1\n", "Problem signature: none\n",
+                             "\nComponent:         ZEP (ZEP)\n", "  Result type:     Complete\n",
+                             "  Execution time:  0.120 s\n", "  Tests:           1 of 2 failed\n",
+                             "\nComponent:         X client (com.x)\n", "  Result type:     ErrorTimeOut\n",
+                             "  Tests:           none (this component has no tests)\n",
+                             "\nComponent:         Y (com.y)\n", "  Result type:     not produced\n",
+                             "  Execution time:  not produced\n", "  Tests:           not produced\n"}) {
+        const auto found = text.find(line, at);
+        ASSERT_NE(found, std::string::npos) << "missing or out of order: " << line << text;
+        at = found;
+    }
+
+    Json::Value withSignature = HandWrittenScanResult();
+    const std::string signature(64, 'a');
+    withSignature["problemSignature"] = signature;
+    EXPECT_THAT(zepdiag::FormatScanResult(withSignature), HasSubstr("Problem signature: " + signature + "\n"));
+    withSignature.removeMember("components");
+    EXPECT_THAT(zepdiag::FormatScanResult(withSignature), HasSubstr("Components:        not produced\n"));
+    EXPECT_THAT(zepdiag::FormatScanResult(Json::Value("junk")), HasSubstr("Scan id:           not produced\n"));
+}
+
+// The verdict is the one in the result (a package decides its own), and the
+// columns line up whatever the widths.
+TEST(SummaryFormatTest, TestTableShowsTheRecordedVerdictInColumns) {
+    const Json::Value component = ParseJson(R"({"tests": [
+        {"friendlyName": "service_state", "expected": "Running", "actual": "running", "result": "pass"},
+        {"friendlyName": "v", "expected": "1", "actual": "1", "result": "fail"},
+        {"friendlyName": "odd", "expected": "x", "actual": "y", "result": "skipped"},
+        "not a test"]})");
+    const std::string table = zepdiag::FormatTestTable(component);
+    EXPECT_THAT(table, HasSubstr("  Tests:           1 of 3 failed\n"));
+
+    std::vector<std::string> lines;
+    std::istringstream in(table);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    ASSERT_EQ(lines.size(), 5u) << table;
+    const std::string& header = lines[1];
+    EXPECT_EQ(header.find("TEST"), 4u);
+    const struct {
+        std::string expected, actual, verdict;
+    } rows[] = {{"Running", "running", "PASS"}, {"1", "1", "FAIL"}, {"x", "y", "skipped"}};
+    for (std::size_t i = 0; i < 3; ++i) {
+        const std::string& line = lines[i + 2];
+        SCOPED_TRACE(line);
+        EXPECT_EQ(line.substr(header.find("EXPECTED"), rows[i].expected.size() + 1), rows[i].expected + " ");
+        EXPECT_EQ(line.substr(header.find("ACTUAL"), rows[i].actual.size() + 1), rows[i].actual + " ");
+        EXPECT_EQ(line.substr(header.find("RESULT")), rows[i].verdict);
+    }
+}
+
+TEST(SummaryFormatTest, ZipListingNamesAtMostSixtyEntries) {
+    zepdiag::ZipListing zip;
+    zip.path = "/d/LD-1_req-7.zip";
+    zip.size = 2048;
+    for (int i = 0; i < 60; ++i) zip.entries.push_back("e" + std::to_string(i));
+    std::string text = zepdiag::FormatZipListing(zip);
+    EXPECT_THAT(text, HasSubstr("Zip:               /d/LD-1_req-7.zip\n"));
+    EXPECT_THAT(text, HasSubstr("Zip size:          2048 bytes (2.0 KiB)\n"));
+    EXPECT_THAT(text, HasSubstr("Zip entries:       60\n"));
+    EXPECT_TRUE(HasLine(text, "  e59"));
+    EXPECT_THAT(text, Not(HasSubstr("more")));
+
+    zip.entries.push_back("e60");
+    zip.entries.push_back("e61");
+    text = zepdiag::FormatZipListing(zip);
+    EXPECT_THAT(text, HasSubstr("Zip entries:       62\n"));
+    EXPECT_TRUE(HasLine(text, "  e59"));
+    EXPECT_FALSE(HasLine(text, "  e60"));
+    EXPECT_THAT(text, ::testing::EndsWith("\n  e59\n  ... 2 more\n"));
+
+    zip.error = "Not a zip archive";
+    EXPECT_THAT(zepdiag::FormatZipListing(zip), HasSubstr("Zip entries:       unreadable (Not a zip archive)\n"));
+}
+
+TEST(SummaryFormatTest, HumanSizesStayBelowTheNextUnit) {
+    EXPECT_EQ(zepdiag::HumanSize(0), "0 B");
+    EXPECT_EQ(zepdiag::HumanSize(1023), "1023 B");
+    EXPECT_EQ(zepdiag::HumanSize(1024), "1.0 KiB");
+    EXPECT_EQ(zepdiag::HumanSize(1536), "1.5 KiB");
+    EXPECT_EQ(zepdiag::HumanSize(1024 * 1024 - 1), "1.0 MiB");
+    EXPECT_EQ(zepdiag::HumanSize((std::uintmax_t{5} << 30) + 1), "5.0 GiB");
+}
+
+// Writes a zip holding `names` (empty files) with libzip itself.
+void WriteZip(const fs::path& path, const std::vector<std::string>& names) {
+    int error = 0;
+    zip_t* archive = zip_open(path.c_str(), ZIP_CREATE | ZIP_TRUNCATE, &error);
+    ASSERT_NE(archive, nullptr) << error;
+    for (const auto& name : names) {
+        zip_source_t* source = zip_source_buffer(archive, "", 0, 0);
+        ASSERT_GE(zip_file_add(archive, name.c_str(), source, ZIP_FL_ENC_UTF_8), 0) << zip_strerror(archive);
+    }
+    ASSERT_EQ(zip_close(archive), 0);
+}
+
+using SummaryFilesTest = ZepdiagTest;
+
+TEST_F(SummaryFilesTest, ZipOfTheScanIsFoundAndListed) {
+    const fs::path latest = root / "programdata/diagnostics/latest";
+    fs::create_directories(latest);
+    WriteZip(latest / "LD-1_req-7.zip", {"scan-result.json", "ZEP/component-result.json"});
+    WriteZip(latest / "LD-1_req-70.zip", {"other"});
+    std::ofstream(latest / "notes_req-7.zip.txt") << "x";
+
+    const auto found = zepdiag::FindScanZip(root, "req-7");
+    ASSERT_TRUE(found);
+    EXPECT_EQ(*found, latest / "LD-1_req-7.zip");
+    EXPECT_FALSE(zepdiag::FindScanZip(root, "req"));
+    EXPECT_FALSE(zepdiag::FindScanZip(root, ""));
+    EXPECT_FALSE(zepdiag::FindScanZip(root / "nowhere", "req-7"));
+
+    const zepdiag::ZipListing listing = zepdiag::ReadZipListing(*found);
+    EXPECT_EQ(listing.error, "");
+    EXPECT_EQ(listing.size, fs::file_size(*found));
+    EXPECT_THAT(listing.entries, ::testing::ElementsAre("scan-result.json", "ZEP/component-result.json"));
+
+    std::ofstream(latest / "broken.zip") << "not a zip at all";
+    const zepdiag::ZipListing broken = zepdiag::ReadZipListing(latest / "broken.zip");
+    EXPECT_NE(broken.error, "");
+    EXPECT_TRUE(broken.entries.empty());
+}
+
+// A run reports the scan result only when it rewrote it: not when it left an
+// older one alone, even though that one is newer than anything else.
+TEST_F(SummaryFilesTest, OnlyARewrittenScanResultIsThisRuns) {
+    const fs::path file = zepdiag::ScanResultPath(root);
+    EXPECT_FALSE(zepdiag::ScanResultWrittenSince(root, zepdiag::SnapshotScanResult(root)));
+
+    const zepdiag::ResultSnapshot none = zepdiag::SnapshotScanResult(root);
+    fs::create_directories(file.parent_path());
+    std::ofstream(file) << R"({"id": "a"})";
+    EXPECT_EQ(zepdiag::ScanResultWrittenSince(root, none), file);
+
+    const zepdiag::ResultSnapshot first = zepdiag::SnapshotScanResult(root);
+    EXPECT_FALSE(zepdiag::ScanResultWrittenSince(root, first));
+
+    // Rewritten within the clock's granularity: the content tells.
+    const auto stamp = fs::last_write_time(file);
+    std::ofstream(file) << R"({"id": "b"})";
+    fs::last_write_time(file, stamp);
+    EXPECT_EQ(zepdiag::ScanResultWrittenSince(root, first), file);
+
+    // Rewritten with the same content later: the time tells.
+    const zepdiag::ResultSnapshot second = zepdiag::SnapshotScanResult(root);
+    fs::last_write_time(file, stamp + std::chrono::seconds(5));
+    EXPECT_EQ(zepdiag::ScanResultWrittenSince(root, second), file);
+
+    fs::remove(file);
+    EXPECT_FALSE(zepdiag::ScanResultWrittenSince(root, second));
 }
 
 // ---- the command line ---------------------------------------------------------------

@@ -20,6 +20,7 @@
 #include "platform/Strings.h"
 #include "platform/posix/PosixClock.h"
 #include "platform/posix/PosixFileSystem.h"
+#include "platform/posix/NativeCollection.h"
 #include "platform/posix/PosixProcess.h"
 
 namespace zep::platform {
@@ -323,6 +324,9 @@ public:
     bool GetString(Hive hive, const std::wstring& key, const std::wstring& name, std::wstring& value) override {
         return file_.Get()->GetString(hive, key, name, value);
     }
+    std::vector<RegistryKeyData> Snapshot(Hive hive, const std::wstring& key) override {
+        return file_.Get()->Snapshot(hive, key);
+    }
 
 private:
     WatchedFile<MemoryRegistry> file_;
@@ -408,6 +412,44 @@ private:
     const fs::path folder_;
 };
 
+// DIR/update-policy.json ({"packages": [{"id": ..., "name": ...}]}) and the
+// deploy agent's repository DIR/packages/<id>. Read on every query: the policy
+// is asked once per scan.
+class FolderPolicy : public PolicyEnv {
+public:
+    explicit FolderPolicy(fs::path dir) : dir_(std::move(dir)) {}
+
+    UpdatePolicy GetUpdatePolicy() override {
+        UpdatePolicy policy;
+        std::string text;
+        PosixFileSystem files;
+        if (!files.ReadFile(path::FromFs(dir_ / "update-policy.json"), text)) return policy;
+        Json::CharReaderBuilder builder;
+        builder["stackLimit"] = 64;
+        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        Json::Value root;
+        std::string errors;
+        if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) || !root.isObject()) return policy;
+        const Json::Value& packages = root["packages"];
+        if (!packages.isArray()) return policy;
+        for (const auto& entry : packages) {
+            if (!entry.isObject() || !entry["id"].isString()) continue;
+            Package package;
+            package.id = text::FromUtf8(entry["id"].asString());
+            package.name = entry["name"].isString() ? text::FromUtf8(entry["name"].asString()) : package.id;
+            policy.packages.push_back(std::move(package));
+        }
+        return policy;
+    }
+
+    std::wstring GetPackageRepositoryFolder(const Package& package) override {
+        return path::FromFs(dir_ / "packages") + L"/" + package.id;
+    }
+
+private:
+    fs::path dir_;
+};
+
 }  // namespace
 
 Env MakeDeviceFolderEnv(const std::wstring& deviceDir, std::shared_ptr<HubEnv> hub) {
@@ -425,7 +467,7 @@ Env MakeDeviceFolderEnv(const std::wstring& deviceDir, std::shared_ptr<HubEnv> h
     env.files = std::make_shared<PosixFileSystem>();
     env.system = std::make_shared<FolderSystem>(dir, deviceFile);
     env.registry = std::make_shared<FolderRegistry>(dir / "registry.reg");
-    env.processes = std::make_shared<PosixProcess>();
+    env.processes = std::make_shared<PosixProcess>(std::chrono::milliseconds(0));
     env.clock = std::make_shared<PosixClock>();
     env.random = std::make_shared<PosixRandom>();
     env.device = std::make_shared<FolderDevice>(deviceFile);
@@ -434,6 +476,8 @@ Env MakeDeviceFolderEnv(const std::wstring& deviceDir, std::shared_ptr<HubEnv> h
     env.agents = std::make_shared<FolderAgents>(deviceFile);
     env.settings = std::make_shared<FolderSettings>(deviceFile);
     env.logs = std::make_shared<FolderLogs>(dir / "programdata" / "Log");
+    env.policy = std::make_shared<FolderPolicy>(dir);
+    env.collection = std::make_shared<NativeCollection>();
     return env;
 }
 

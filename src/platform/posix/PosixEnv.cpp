@@ -5,6 +5,7 @@
 #include "platform/Strings.h"
 #include "platform/posix/PosixClock.h"
 #include "platform/posix/PosixFileSystem.h"
+#include "platform/posix/NativeCollection.h"
 #include "platform/posix/PosixProcess.h"
 
 namespace zep::platform {
@@ -33,7 +34,7 @@ Env DefaultEnv() {
     env.files = std::make_shared<PosixFileSystem>();
     env.system = std::make_shared<PosixSystem>();
     env.registry = std::make_shared<EmptyRegistry>();
-    env.processes = std::make_shared<PosixProcess>();
+    env.processes = std::make_shared<PosixProcess>(std::chrono::milliseconds(0));
     env.clock = std::make_shared<PosixClock>();
     env.random = std::make_shared<PosixRandom>();
     env.device = std::make_shared<AbsentDevice>();
@@ -42,6 +43,8 @@ Env DefaultEnv() {
     env.agents = std::make_shared<AbsentAgents>();
     env.settings = std::make_shared<DefaultSettings>();
     env.logs = std::make_shared<DroppingLogEnv>();
+    env.policy = std::make_shared<EmptyPolicy>();
+    env.collection = std::make_shared<NativeCollection>();
     return env;
 }
 

@@ -80,10 +80,34 @@ bool PosixFileSystem::CopyFile(const std::wstring& from, const std::wstring& to)
 bool PosixFileSystem::CopyDirectory(const std::wstring& from, const std::wstring& to) {
     std::error_code ec;
     const fs::path source = path::ToFs(from);
+    const fs::path target = path::ToFs(to);
     if (!fs::is_directory(source, ec)) return false;
-    fs::create_directories(path::ToFs(to), ec);
-    fs::copy(source, path::ToFs(to), fs::copy_options::recursive | fs::copy_options::overwrite_existing, ec);
-    return !ec;
+    fs::create_directories(target, ec);
+    bool ok = !ec;
+    // Walked by hand: links are not followed (a link could pull any file of
+    // the system into an archive) and special files are not opened.
+    fs::recursive_directory_iterator it(source, fs::directory_options::none, ec), end;
+    if (ec) return false;
+    for (; it != end; it.increment(ec)) {
+        if (ec) return false;
+        const auto status = it->symlink_status(ec);
+        if (ec) {
+            ok = false;
+            continue;
+        }
+        const fs::path destination = target / fs::relative(it->path(), source, ec);
+        if (ec) {
+            ok = false;
+            continue;
+        }
+        if (fs::is_directory(status)) {
+            fs::create_directories(destination, ec);
+        } else if (fs::is_regular_file(status)) {
+            fs::copy_file(it->path(), destination, fs::copy_options::overwrite_existing, ec);
+        }
+        if (ec) ok = false;
+    }
+    return ok;
 }
 
 std::optional<std::uint64_t> PosixFileSystem::FileSize(const std::wstring& path) {

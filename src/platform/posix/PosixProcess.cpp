@@ -1,5 +1,7 @@
 #include "platform/posix/PosixProcess.h"
 
+#include "platform/CommonBase.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -374,6 +376,9 @@ int PosixProcess::LaunchCommandLine(const std::wstring& commandLine, const std::
         request.argv = SplitWindowsCommandLine(line);
         if (request.argv.empty()) return 0;
 
+        // Without a ceiling of its own, a command line gets the agent's one.
+        const milliseconds limit = ceiling_.count() > 0 ? ceiling_ : ProcessWrap::ChildProcessCeiling();
+        request.timeout = limit;
         if (wait) {
             const ProcessResult result = Spawn(request);
             return result.started && !result.timedOut && result.exitCode == 0 ? 1 : 0;
@@ -382,7 +387,6 @@ int PosixProcess::LaunchCommandLine(const std::wstring& commandLine, const std::
         Child child;
         if (!StartChild(request, child)) return 0;
         const pid_t pid = child.pid;
-        const milliseconds limit = ceiling_;
         try {
             // Nobody waits for the result, but someone must reap the child
             // (and end it at the ceiling).

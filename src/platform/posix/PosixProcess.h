@@ -12,7 +12,9 @@ class PosixProcess : public ProcessEnv {
 public:
     // A Windows command line cannot run here as it is: it is split into an
     // argument vector by the rules of CommandLineToArgvW and spawned without
-    // a shell. Ends the process group after `ceiling` (0: no ceiling).
+    // a shell. Ends the process group after `ceiling`; with 0, a command line
+    // gets ProcessWrap::ChildProcessCeiling() and an argument vector its own
+    // time-out only.
     explicit PosixProcess(std::chrono::milliseconds ceiling = std::chrono::minutes(30));
 
     int LaunchCommandLine(const std::wstring& commandLine, const std::wstring& arguments, bool wait,

@@ -1,0 +1,14 @@
+#include "platform/AgentPolicies.h"
+
+#include "platform/Env.h"
+
+ConfigPolicyAgent* ConfigPolicyAgent::GetInstance() {
+    static ConfigPolicyAgent instance;
+    return &instance;
+}
+
+UpdatePolicy ConfigPolicyAgent::GetUpdatePolicy() { return zep::platform::CurrentEnv()->policy->GetUpdatePolicy(); }
+
+std::wstring UpdateUtility::GetPackageRepositoryFolder(const Package& package, bool) {
+    return zep::platform::CurrentEnv()->policy->GetPackageRepositoryFolder(package);
+}
