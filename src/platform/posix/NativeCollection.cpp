@@ -26,6 +26,7 @@
 #include "platform/Log.h"
 #include "platform/MemoryRegistry.h"
 #include "platform/Paths.h"
+#include "platform/posix/Fd.h"
 #include "platform/posix/LogScrub.h"
 
 namespace zep::platform {
@@ -48,33 +49,6 @@ constexpr int kDirFlags = O_RDONLY | O_DIRECTORY;
 
 std::string ErrorText(int error) { return std::generic_category().message(error); }
 
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int fd) noexcept : fd_(fd) {}
-    Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Fd& operator=(Fd&& other) noexcept {
-        if (this != &other) {
-            Reset();
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() { Reset(); }
-
-    int Get() const noexcept { return fd_; }
-    bool Valid() const noexcept { return fd_ >= 0; }
-    int Release() noexcept { return std::exchange(fd_, -1); }
-    void Reset() noexcept {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_ = -1;
-};
 
 struct DirCloser {
     void operator()(DIR* dir) const noexcept { ::closedir(dir); }

@@ -1,6 +1,7 @@
 #include "platform/posix/PosixProcess.h"
 
 #include "platform/CommonBase.h"
+#include "platform/posix/Fd.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -31,34 +32,6 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// Owns a descriptor.
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int fd) noexcept : fd_(fd) {}
-    Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Fd& operator=(Fd&& other) noexcept {
-        if (this != &other) {
-            Reset();
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() { Reset(); }
-
-    int Get() const noexcept { return fd_; }
-    bool Valid() const noexcept { return fd_ >= 0; }
-    void Reset() noexcept {
-        // Never retry close(): on Linux the descriptor is gone even after EINTR.
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_ = -1;
-};
 
 class FileActions {
 public:
