@@ -10,6 +10,7 @@ std::optional<Command> CommandNamed(const std::string& name) {
     if (name == "scan") return Command::Scan;
     if (name == "notify") return Command::Notify;
     if (name == "online") return Command::Online;
+    if (name == "history") return Command::History;
     if (name == "help") return Command::Help;
     return std::nullopt;
 }
@@ -21,7 +22,8 @@ std::set<std::string> OptionsOf(Command command) {
         case Command::Scan: return {"--device", "--scheduled"};
         case Command::Notify: return {"--device", "--payload"};
         case Command::Init:
-        case Command::Online: return {"--device"};
+        case Command::Online:
+        case Command::History: return {"--device"};
         case Command::Help: break;
     }
     return {};
@@ -89,13 +91,21 @@ Commands:
            print the built-in component's result.
   notify   Deliver a getDiagnostics request through the notification hub, as
            the cloud sends it over MQTT, and print the result of the scan.
-  online   Deliver the "device is online" notification.
+  online   Deliver the "device is online" notification, which completes an
+           upload that an offline scan deferred, and print what it uploaded.
+  history  Print the scan history, newest scan last.
   help     Show this text.
+
+After a scan, scan and notify also print what was uploaded (the device's
+storage agent keeps a copy of each upload in DIR/outbox/NNNN/), the line the
+scan added to the scan history, and the critical events it logged
+(DIR/events.log). DIR/upload-results forces the answers of the next uploads,
+one code per line (for example 429 for "come back later", 10 for offline).
 
 Options:
   --device DIR     The device folder (default: ./zep-device). scan, notify
                    and online create a demo device there when it is missing
-                   or empty.
+                   or empty; history only reads it.
   --scheduled      scan: run it as a scheduled scan instead of a manual one.
   --payload JSON   notify: the request's payload, for example
                    '{"zep-message":{"action":{"cmd_param":{"requestId":"r1","target":["zep"]}}}}'

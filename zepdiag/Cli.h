@@ -7,7 +7,7 @@
 
 namespace zepdiag {
 
-enum class Command { Help, Init, Scan, Notify, Online };
+enum class Command { Help, Init, Scan, Notify, Online, History };
 
 struct Options {
     Command command = Command::Help;

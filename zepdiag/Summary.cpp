@@ -109,13 +109,63 @@ std::string ExistingOrNotProduced(const std::optional<fs::path>& path) {
     return path && fs::exists(*path, code) ? path->string() : std::string(kNotProduced);
 }
 
+// Lines without their line feed (and a carriage return before it); a final
+// line feed adds no empty line, blank lines are dropped.
+std::vector<std::string> SplitLines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+        if (!line.empty() && line.back() == '\r') line.pop_back();
+        if (!line.empty()) lines.push_back(std::move(line));
+    }
+    return lines;
+}
+
+// Cut at every comma, empty fields included ("a,,b," has four).
+std::vector<std::string> SplitCommas(const std::string& line) {
+    std::vector<std::string> fields;
+    std::size_t begin = 0;
+    for (;;) {
+        const std::size_t comma = line.find(',', begin);
+        fields.push_back(line.substr(begin, comma == std::string::npos ? std::string::npos : comma - begin));
+        if (comma == std::string::npos) return fields;
+        begin = comma + 1;
+    }
+}
+
+bool IsOutboxFolderName(const std::string& name) {
+    return !name.empty() && name.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// What kind of file the module uploaded, told by its name.
+std::string UploadKind(const std::string& file) {
+    if (file == "scan-result.json") return "the scan result only";
+    if (EndsWith(file, ".zip")) return "the scan's zip";
+    return "a file";
+}
+
+// A value that may span lines, continued in the value column.
+std::string Continued(const std::string& text) {
+    std::string out;
+    for (const char c : text) {
+        out += c;
+        if (c == '\n') out += std::string(kValueColumn, ' ');
+    }
+    return out;
+}
+
+std::string ShortSignature(const std::string& signature) {
+    constexpr std::size_t kShown = 16;
+    if (signature.empty()) return "none";
+    return signature.size() > kShown ? signature.substr(0, kShown) + "\u2026" : signature;
+}
+
 }  // namespace
 
 fs::path ScanResultPath(const fs::path& deviceDir) { return LatestFolder(deviceDir) / "scan-result.json"; }
 
-ResultSnapshot SnapshotScanResult(const fs::path& deviceDir) {
-    ResultSnapshot snapshot;
-    const fs::path path = ScanResultPath(deviceDir);
+FileSnapshot SnapshotFile(const fs::path& path) {
+    FileSnapshot snapshot;
     std::error_code code;
     if (!fs::is_regular_file(path, code)) return snapshot;
     snapshot.modified = fs::last_write_time(path, code);
@@ -126,12 +176,23 @@ ResultSnapshot SnapshotScanResult(const fs::path& deviceDir) {
     return snapshot;
 }
 
-std::optional<fs::path> ScanResultWrittenSince(const fs::path& deviceDir, const ResultSnapshot& before) {
-    const ResultSnapshot now = SnapshotScanResult(deviceDir);
-    if (!now.exists) return std::nullopt;
+bool WrittenSince(const FileSnapshot& before, const FileSnapshot& now) {
+    if (!now.exists) return false;
     // The time alone can miss a rewrite within the file system's clock
     // granularity; the content alone misses nothing a reader would notice.
-    if (before.exists && now.modified == before.modified && now.content == before.content) return std::nullopt;
+    return !before.exists || now.modified != before.modified || now.content != before.content;
+}
+
+std::vector<std::string> LinesAddedSince(const FileSnapshot& before, const FileSnapshot& now) {
+    if (!now.exists) return {};
+    const bool appended = before.exists && now.content.compare(0, before.content.size(), before.content) == 0;
+    return SplitLines(appended ? now.content.substr(before.content.size()) : now.content);
+}
+
+ResultSnapshot SnapshotScanResult(const fs::path& deviceDir) { return SnapshotFile(ScanResultPath(deviceDir)); }
+
+std::optional<fs::path> ScanResultWrittenSince(const fs::path& deviceDir, const ResultSnapshot& before) {
+    if (!WrittenSince(before, SnapshotScanResult(deviceDir))) return std::nullopt;
     return ScanResultPath(deviceDir);
 }
 
@@ -262,6 +323,191 @@ void PrintScanSummary(std::ostream& out, const fs::path& deviceDir, const std::s
 
     out << Field("Result file", ExistingOrNotProduced(resultFile))
         << Field("Module log", ExistingOrNotProduced(ModuleLogPath(deviceDir)));
+}
+
+
+fs::path ScanHistoryPath(const fs::path& deviceDir) {
+    return deviceDir / "programdata" / "diagnostics" / "scan-history.log";
+}
+fs::path OutboxPath(const fs::path& deviceDir) { return deviceDir / "outbox"; }
+fs::path EventsLogPath(const fs::path& deviceDir) { return deviceDir / "events.log"; }
+
+ActivitySnapshot SnapshotActivity(const fs::path& deviceDir) {
+    ActivitySnapshot snapshot;
+    std::error_code code;
+    for (fs::directory_iterator it(OutboxPath(deviceDir), code), end; !code && it != end; it.increment(code)) {
+        snapshot.outboxEntries.insert(it->path().filename().string());
+    }
+    snapshot.failedLog = SnapshotFile(OutboxPath(deviceDir) / "failed.log");
+    snapshot.history = SnapshotFile(ScanHistoryPath(deviceDir));
+    snapshot.events = SnapshotFile(EventsLogPath(deviceDir));
+    return snapshot;
+}
+
+OutboxUpload ReadOutboxFolder(const fs::path& folder) {
+    OutboxUpload upload;
+    upload.folder = folder;
+    // upload.json names the file; without it, the one file that is neither
+    // the record nor a metadata document.
+    if (const std::optional<Json::Value> record = ReadJson(folder / "upload.json");
+        record && (*record)["file"].isString()) {
+        upload.file = (*record)["file"].asString();
+    } else {
+        std::error_code code;
+        for (fs::directory_iterator it(folder, code), end; !code && it != end; it.increment(code)) {
+            const std::string name = it->path().filename().string();
+            if (name != "upload.json" && !EndsWith(name, ".metadata.json")) upload.file = name;
+        }
+    }
+    if (upload.file.empty()) return upload;
+    std::error_code code;
+    upload.size = fs::file_size(folder / upload.file, code);
+    if (code) upload.size = 0;
+    upload.metadata = fs::is_regular_file(folder / (upload.file + ".metadata.json"), code);
+    return upload;
+}
+
+RunActivity ActivitySince(const fs::path& deviceDir, const ActivitySnapshot& before) {
+    RunActivity activity;
+    std::vector<std::string> added;
+    std::error_code code;
+    for (fs::directory_iterator it(OutboxPath(deviceDir), code), end; !code && it != end; it.increment(code)) {
+        const std::string name = it->path().filename().string();
+        std::error_code kind;
+        if (IsOutboxFolderName(name) && it->is_directory(kind) && before.outboxEntries.count(name) == 0) {
+            added.push_back(name);
+        }
+    }
+    // In upload order: by number, whatever the width.
+    std::sort(added.begin(), added.end(), [](const std::string& a, const std::string& b) {
+        return a.size() != b.size() ? a.size() < b.size() : a < b;
+    });
+    for (const auto& name : added) activity.uploads.push_back(ReadOutboxFolder(OutboxPath(deviceDir) / name));
+
+    activity.failedUploads = LinesAddedSince(before.failedLog, SnapshotFile(OutboxPath(deviceDir) / "failed.log"));
+    const FileSnapshot history = SnapshotFile(ScanHistoryPath(deviceDir));
+    if (WrittenSince(before.history, history)) {
+        const std::vector<std::string> lines = SplitLines(history.content);
+        if (!lines.empty()) activity.historyLine = lines.back();
+    }
+    activity.events = LinesAddedSince(before.events, SnapshotFile(EventsLogPath(deviceDir)));
+    return activity;
+}
+
+std::vector<std::string> ReadScanHistory(const fs::path& deviceDir) {
+    const FileSnapshot history = SnapshotFile(ScanHistoryPath(deviceDir));
+    return history.exists ? SplitLines(history.content) : std::vector<std::string>{};
+}
+
+std::optional<std::string> LastHistoryLine(const fs::path& deviceDir) {
+    std::vector<std::string> lines = ReadScanHistory(deviceDir);
+    if (lines.empty()) return std::nullopt;
+    return std::move(lines.back());
+}
+
+std::vector<std::string> HistoryFields(const std::string& line) {
+    std::vector<std::string> fields = SplitCommas(line);
+    if (fields.size() != 6) return {};
+    return fields;
+}
+
+std::string UploadStatusText(const std::string& status) {
+    if (status == "0") return "0 uploaded";
+    if (status == "1") return "1 not uploaded (error)";
+    if (status == "2") return "2 offline, upload deferred";
+    return status + " (unknown)";
+}
+
+std::string FormatUploads(const fs::path& deviceDir, const RunActivity& activity) {
+    std::string text;
+    for (const auto& upload : activity.uploads) {
+        if (upload.file.empty()) {
+            text += Field("Upload", "an empty outbox folder") + Field("Outbox folder", upload.folder.string(), 2);
+            continue;
+        }
+        text += Field("Upload", UploadKind(upload.file) + ", " + upload.file + " (" + std::to_string(upload.size) +
+                                    " bytes, " + HumanSize(upload.size) + ")") +
+                Field("Outbox folder", upload.folder.string(), 2) +
+                Field("Metadata", upload.metadata ? upload.file + ".metadata.json" : std::string("none"), 2);
+    }
+    for (const auto& line : activity.failedUploads) {
+        const std::size_t first = line.find(',');
+        const std::size_t last = line.rfind(',');
+        if (first == std::string::npos || first == last) {
+            text += Field("Upload", "failed: " + line);
+            continue;
+        }
+        text += Field("Upload", "failed with " + line.substr(last + 1) + ", " +
+                                    line.substr(first + 1, last - first - 1) + " at " + line.substr(0, first)) +
+                Field("Recorded in", (OutboxPath(deviceDir) / "failed.log").string(), 2);
+    }
+    return text.empty() ? Field("Upload", "nothing uploaded") : text;
+}
+
+std::string FormatHistoryLine(const std::string& label, const std::optional<std::string>& line,
+                              const std::string& absent) {
+    if (!line) return Field(label, absent);
+    std::string text = Field(label, *line);
+    const std::vector<std::string> fields = HistoryFields(*line);
+    if (fields.empty()) return text + Field("Fields", "unreadable (not six comma-separated fields)", 2);
+    return text + Field("Time", fields[0], 2) + Field("Trigger", fields[1], 2) +
+           Field("Upload status", UploadStatusText(fields[2]), 2) + Field("Artifacts", fields[3], 2) +
+           Field("Failed tests", fields[4], 2) + Field("Signature", fields[5].empty() ? "none" : fields[5], 2);
+}
+
+std::string FormatEvents(const RunActivity& activity) {
+    if (activity.events.empty()) return Field("Events", "none");
+    std::string text;
+    for (const auto& line : activity.events) {
+        Json::CharReaderBuilder builder;
+        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        Json::Value event;
+        std::string errors;
+        if (!reader->parse(line.data(), line.data() + line.size(), &event, &errors) || !event.isObject()) {
+            text += Field("Event", Continued(line));
+            continue;
+        }
+        text += Field("Event", TextOf(event, "eventId") + " at " + TextOf(event, "time")) +
+                Field("Text", Continued(TextOf(event, "text")), 2);
+    }
+    return text;
+}
+
+std::string FormatActivity(const fs::path& deviceDir, const RunActivity& activity) {
+    return FormatUploads(deviceDir, activity) + '\n' +
+           FormatHistoryLine("History line", activity.historyLine, "not written") + '\n' + FormatEvents(activity);
+}
+
+std::string FormatHistoryTable(const std::vector<std::string>& lines) {
+    if (lines.empty()) return "no history yet\n";
+    std::vector<std::vector<std::string>> rows{{"TIME", "TRIGGER", "UPLOAD", "ARTIFACTS", "FAILED", "SIGNATURE"}};
+    for (const auto& line : lines) {
+        std::vector<std::string> fields = HistoryFields(line);
+        if (fields.empty()) {
+            rows.push_back({"(unreadable) " + line});
+            continue;
+        }
+        fields[2] = UploadStatusText(fields[2]);
+        fields[5] = ShortSignature(fields[5]);
+        rows.push_back(std::move(fields));
+    }
+    // Columns as wide as their widest cell; an unreadable line spans them all.
+    // The signature is last, so its "…" (one column, three bytes) never
+    // shifts another column.
+    std::size_t widths[5] = {};
+    for (const auto& row : rows) {
+        if (row.size() != 6) continue;
+        for (std::size_t i = 0; i < 5; ++i) widths[i] = std::max(widths[i], row[i].size());
+    }
+    std::string text;
+    for (const auto& row : rows) {
+        for (std::size_t i = 0; i < row.size(); ++i) {
+            text += row[i];
+            if (i + 1 < row.size()) text += std::string(widths[i] - row[i].size() + 2, ' ');
+        }
+        text += '\n';
+    }
+    return text;
 }
 
 }  // namespace zepdiag

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <optional>
 #include <ostream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -13,14 +14,23 @@
 
 namespace zepdiag {
 
-// programdata/diagnostics/latest/scan-result.json as it was at one moment. A
-// scan rewrites the file; comparing two snapshots tells whether one ran.
-struct ResultSnapshot {
+// A file as it was at one moment. A scan rewrites its result and appends to
+// the history and logs; comparing two snapshots tells what a run changed.
+struct FileSnapshot {
     bool exists = false;
     std::filesystem::file_time_type modified{};
     std::string content;
 };
+using ResultSnapshot = FileSnapshot;
 
+FileSnapshot SnapshotFile(const std::filesystem::path& path);
+// True when the file exists now and differs from `before` in time or content.
+bool WrittenSince(const FileSnapshot& before, const FileSnapshot& now);
+// The lines added to an append-only file since `before`; all of its lines
+// when it was replaced (its old content is no longer at its start).
+std::vector<std::string> LinesAddedSince(const FileSnapshot& before, const FileSnapshot& now);
+
+// programdata/diagnostics/latest/scan-result.json.
 std::filesystem::path ScanResultPath(const std::filesystem::path& deviceDir);
 ResultSnapshot SnapshotScanResult(const std::filesystem::path& deviceDir);
 
@@ -58,5 +68,59 @@ void PrintScanSummary(std::ostream& out, const std::filesystem::path& deviceDir,
 
 // The module's log in the device folder.
 std::filesystem::path ModuleLogPath(const std::filesystem::path& deviceDir);
+
+// ---- uploads, scan history and critical events -----------------------------------
+
+std::filesystem::path ScanHistoryPath(const std::filesystem::path& deviceDir);  // programdata/diagnostics/scan-history.log
+std::filesystem::path OutboxPath(const std::filesystem::path& deviceDir);       // outbox/ (the storage agent's copies)
+std::filesystem::path EventsLogPath(const std::filesystem::path& deviceDir);    // events.log
+
+// Everything a run may add beside the scan result.
+struct ActivitySnapshot {
+    std::set<std::string> outboxEntries;
+    FileSnapshot failedLog;  // outbox/failed.log
+    FileSnapshot history;
+    FileSnapshot events;
+};
+ActivitySnapshot SnapshotActivity(const std::filesystem::path& deviceDir);
+
+// One numbered outbox folder: what the storage agent received.
+struct OutboxUpload {
+    std::filesystem::path folder;
+    std::string file;  // the uploaded file's name ("" when the folder holds none)
+    std::uintmax_t size = 0;
+    bool metadata = false;  // <file>.metadata.json lies beside it
+};
+OutboxUpload ReadOutboxFolder(const std::filesystem::path& folder);
+
+// What a run added since `before`. The history line is the file's last line
+// when the run changed the file.
+struct RunActivity {
+    std::vector<OutboxUpload> uploads;
+    std::vector<std::string> failedUploads;  // lines of outbox/failed.log: time,file,code
+    std::optional<std::string> historyLine;
+    std::vector<std::string> events;  // lines of events.log
+};
+RunActivity ActivitySince(const std::filesystem::path& deviceDir, const ActivitySnapshot& before);
+
+// The history file's lines, oldest first; empty when there is no file.
+std::vector<std::string> ReadScanHistory(const std::filesystem::path& deviceDir);
+std::optional<std::string> LastHistoryLine(const std::filesystem::path& deviceDir);
+
+// A history line's six fields (time, trigger, upload status, artifact status,
+// failed tests, signature); empty when the line has another shape.
+std::vector<std::string> HistoryFields(const std::string& line);
+// "0 uploaded", "1 not uploaded (error)", "2 offline, upload deferred".
+std::string UploadStatusText(const std::string& status);
+
+std::string FormatUploads(const std::filesystem::path& deviceDir, const RunActivity& activity);
+// The line and its fields explained; `absent` stands in for no line.
+std::string FormatHistoryLine(const std::string& label, const std::optional<std::string>& line,
+                              const std::string& absent);
+std::string FormatEvents(const RunActivity& activity);
+// All three, for a scan's summary.
+std::string FormatActivity(const std::filesystem::path& deviceDir, const RunActivity& activity);
+// The whole history as a table, newest last, or "no history yet".
+std::string FormatHistoryTable(const std::vector<std::string>& lines);
 
 }  // namespace zepdiag

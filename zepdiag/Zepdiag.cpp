@@ -125,10 +125,12 @@ Session StartModule(const fs::path& dir) {
 
 int RunScan(const Session& session, bool scheduled, std::ostream& out) {
     const ResultSnapshot before = SnapshotScanResult(session.dir);
+    const ActivitySnapshot activity = SnapshotActivity(session.dir);
     session.manager->StartDiagnosticsScan(scheduled ? 0 : DiagnosticsManager::kManualScanRequest, std::nullopt);
     session.manager->WaitForScanToFinish();
     PrintScanSummary(out, session.dir, scheduled ? "Scheduled" : "Manual",
                      ScanResultWrittenSince(session.dir, before));
+    out << '\n' << FormatActivity(session.dir, ActivitySince(session.dir, activity));
     return 0;
 }
 
@@ -142,10 +144,12 @@ void Deliver(const Session& session, ZEPNotificationData notification) {
 
 int RunNotify(const Session& session, const std::string& payload, std::ostream& out) {
     const ResultSnapshot before = SnapshotScanResult(session.dir);
+    const ActivitySnapshot activity = SnapshotActivity(session.dir);
     Deliver(session, ZEPNotificationData(kTopicGetDiagnostics, kStateNone, L"run", L"getDiagnostics",
                                          zep::text::FromUtf8(payload)));
     const auto result = ScanResultWrittenSince(session.dir, before);
     PrintScanSummary(out, session.dir, "Mqtt", result);
+    out << '\n' << FormatActivity(session.dir, ActivitySince(session.dir, activity));
     if (!result) {
         // The module does not say whether it took the request; every scan it
         // runs for one rewrites the scan result, so an unchanged one means it
@@ -156,11 +160,30 @@ int RunNotify(const Session& session, const std::string& payload, std::ostream& 
     return 0;
 }
 
+// The module resumes a deferred upload on the hub's thread; Deliver waits for
+// it. The history's last line before and after shows a status rewritten from
+// 2 (offline) to what the upload achieved.
 int RunOnline(const Session& session, std::ostream& out) {
+    const ActivitySnapshot activity = SnapshotActivity(session.dir);
+    const std::optional<std::string> lastBefore = LastHistoryLine(session.dir);
     Deliver(session, ZEPNotificationData(kTopicNetwork, kStateNone, L"", L"", L""));
-    out << "Device folder:  " << session.dir.string() << '\n'
-        << "The online notification was delivered to the module.\n"
-        << "Module log:     " << ModuleLogPath(session.dir).string() << '\n';
+    const RunActivity done = ActivitySince(session.dir, activity);
+    out << "Device folder:     " << session.dir.string() << '\n'
+        << "The online notification was delivered to the module.\n\n"
+        << FormatUploads(session.dir, done) << '\n'
+        << FormatHistoryLine("History before", lastBefore, "none")
+        << FormatHistoryLine("History after", LastHistoryLine(session.dir), "none") << '\n'
+        << FormatEvents(done) << "Module log:        " << ModuleLogPath(session.dir).string() << '\n';
+    return 0;
+}
+
+int RunHistory(const fs::path& dir, std::ostream& out, std::ostream& err) {
+    if (InspectDeviceFolder(dir) == FolderKind::NotADirectory) {
+        err << "zepdiag: " << dir.string() << " exists and is not a folder\n";
+        return kUnusable;
+    }
+    out << "Scan history:      " << ScanHistoryPath(dir).string() << "\n\n"
+        << FormatHistoryTable(ReadScanHistory(dir));
     return 0;
 }
 
@@ -171,6 +194,7 @@ int Run(const Options& options, std::ostream& out, std::ostream& err) {
     }
     const fs::path dir = DeviceFolderPath(options.device);
     if (options.command == Command::Init) return RunInit(dir, out, err);
+    if (options.command == Command::History) return RunHistory(dir, out, err);
     if (!PrepareDeviceFolder(dir, out, err)) return kUnusable;
 
     const Session session = StartModule(dir);
@@ -179,7 +203,8 @@ int Run(const Options& options, std::ostream& out, std::ostream& err) {
         case Command::Notify: return RunNotify(session, options.payload, out);
         case Command::Online: return RunOnline(session, out);
         case Command::Help:
-        case Command::Init: break;
+        case Command::Init:
+        case Command::History: break;
     }
     return kFailure;
 }

@@ -16,6 +16,7 @@
 #include "DiagnosticScanner/Export.h"
 #include "DiagnosticScanner/IDiagnosticsGenerator.h"
 #include "DiagnosticScanner/Tests.h"
+#include "platform/FileStorageAgent.h"
 
 class ZEPNotificationData;
 namespace Json {
@@ -82,7 +83,16 @@ public:
     void GenerateDiagnosticsForPackages();
     // Writes the time-out result of a package whose script ran too long.
     void GenerateComponentResultForPackage(const zep::platform::Package& package, const std::wstring& outputFolder);
+    // Uploads the scan's zip, or only its scan result (a scheduled scan whose
+    // problems were reported already; an unregistered device without a
+    // provisioning backup), unless the device is offline.
     void UploadDiagnosticsResults();
+    bool IsProvisionBackupAvailable() const;
+    // Reads and verifies the provisioning backup's token; `token` is filled
+    // even when verification fails, and used only after true.
+    bool FetchVerifiedProvisionTokenFromBackUp(std::string& token) const;
+    // 0 uploaded, 1 connected but not uploaded, 2 not connected.
+    int GetFileUploadToCloudStatus() const;
     // Stages the scan's files, the agent's context and logs, and packs them.
     void CreateZipFolder();
     // Packs `sourceDir` into `destinationDir`\`zipFileName` and deletes
@@ -91,6 +101,13 @@ public:
     void GenerateScanResultInJson();
     bool IsProblemSignatureDuplicate(std::wstring signature);
     bool ParseScanHistoryLine(const std::wstring& line, ScanHistoryEntry& entry);
+    // Removes lines from the front until at most `maxLines` remain.
+    void ProcessCyclicBuffer(std::vector<std::wstring>& lines, int maxLines);
+    // The last line of a text file; empty when there is none.
+    std::wstring GetLastLineInFile(std::wstring& path);
+    // Rewrites fields 3 and 4 of the history file's last line.
+    bool UpdateStatusForLastLineInScanHistoryFile(const std::wstring& path, const int& sentToCloud,
+                                                  const int& artifactStatus);
     // Completes an upload that the last scan left for when the device is online.
     void DeviceHasComeOnline();
 
@@ -146,7 +163,10 @@ private:
     void AddIfArtifactsWereProvided(const std::wstring& resultFilePath);
 
     void AddArtifactSize();
+    void GetMetadata(std::string& metadata, std::wstring& scanResultPath, std::wstring& filePath);
+    void LogFileUploadResut(std::string fileType, FileStorageAgent::StoragError error);
     void GenerateScanHistory();
+    void ProcessDeferredPluginUploads();
     void LogCriticalEvent();
     void GeneratePluginDiagnosticsForMqttTarget(const std::wstring& target);
 
@@ -165,7 +185,7 @@ private:
     bool fileUploadStatus = false;     // the last upload succeeded
     std::atomic<bool> initialized{false};
     void* hostContext = nullptr;
-    std::int32_t artifactIncludedStatus = 1;
+    std::int32_t artifactIncludedStatus = 1;  // the history's artifact status: 1 until the zip's upload is tried
     std::wstring diagnosticsCompletedTime;  // when the built-in component's result was saved
     std::int32_t totalTestFailureCount = 0;
     float _totalExecutionTime = 0.0f;

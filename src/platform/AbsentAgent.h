@@ -57,6 +57,30 @@ class EmptyPolicy : public PolicyEnv {
 public:
     UpdatePolicy GetUpdatePolicy() override { return {}; }
     std::wstring GetPackageRepositoryFolder(const Package&) override { return L""; }
+    PlatformPolicy GetPlatformPolicy() override { return {}; }
+};
+
+// No storage agent: every upload fails as a local refusal.
+class AbsentStorage : public StorageEnv {
+public:
+    int UploadDiagResult(const std::string&, bool, const std::string&, const std::string&) override { return 1; }
+};
+
+class DroppingEvents : public EventEnv {
+public:
+    void Log(int, const std::wstring&) override {}
+};
+
+// No extension module: no plug-in is ever found.
+class AbsentExtensions : public ExtensionEnv {
+public:
+    bool TryResolveGetDiagnosticsElevations(const std::wstring&, std::wstring&, std::vector<ElevationType>&) override {
+        return false;
+    }
+    DiagnosticsOperationResult SendDiagnosticCommandToTargets(const std::wstring&, const std::wstring&,
+                                                              ElevationType) override {
+        return {};
+    }
 };
 
 class DroppingLogEnv : public LogEnv {

@@ -9,6 +9,8 @@ ConfigPolicyAgent* ConfigPolicyAgent::GetInstance() {
 
 UpdatePolicy ConfigPolicyAgent::GetUpdatePolicy() { return zep::platform::CurrentEnv()->policy->GetUpdatePolicy(); }
 
+PlatformPolicy ConfigPolicyAgent::GetPlatformPolicy() { return zep::platform::CurrentEnv()->policy->GetPlatformPolicy(); }
+
 std::wstring UpdateUtility::GetPackageRepositoryFolder(const Package& package, bool) {
     return zep::platform::CurrentEnv()->policy->GetPackageRepositoryFolder(package);
 }

@@ -1,6 +1,7 @@
 // The agent's policy and deploy agents as the module sees them.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "platform/PolicyEnv.h"
@@ -8,10 +9,18 @@
 using Package = zep::platform::Package;
 using UpdatePolicy = zep::platform::UpdatePolicy;
 
-class ConfigPolicyAgent {
+// What a verifier of provisioning tokens asks the configuration agent.
+class IConfigAgent {
+public:
+    virtual ~IConfigAgent() = default;
+    virtual PlatformPolicy GetPlatformPolicy() = 0;
+};
+
+class ConfigPolicyAgent : public IConfigAgent {
 public:
     static ConfigPolicyAgent* GetInstance();
     UpdatePolicy GetUpdatePolicy();
+    PlatformPolicy GetPlatformPolicy() override;
 };
 
 class UpdateUtility {

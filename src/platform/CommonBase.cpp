@@ -238,3 +238,7 @@ std::shared_ptr<zep::platform::NotificationAgent> zep::AgentFactory::GetNotifica
 std::shared_ptr<zep::platform::CoreAdapter> zep::AgentFactory::GetCoreAdapterAgent() {
     return CurrentEnv()->agents->GetCoreAdapter();
 }
+std::shared_ptr<IConfigAgent> zep::AgentFactory::GetConfigPolicyAgent() {
+    // The configuration agent is the platform's singleton, never destroyed.
+    return std::shared_ptr<IConfigAgent>(ConfigPolicyAgent::GetInstance(), [](IConfigAgent*) {});
+}

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "platform/AgentEnv.h"
+#include "platform/AgentPolicies.h"
 #include "platform/Log.h"
 #include "platform/WinTypes.h"
 
@@ -71,6 +72,10 @@ std::wstring GetSystemDirectoryW();
 std::wstring GetWindowsDirectoryW();
 // Opens `log` as the file `fileName` in the agent's log folder.
 void InitLog(Log& log, const std::string& fileName, int maxFiles);
+// The file's digest as lower-case hexadecimal, read in chunks (an archive of
+// gigabytes is never held in memory). `algorithm` "SHA-256" (also "SHA256");
+// empty when the file cannot be read or the algorithm is unknown.
+std::wstring GetFileHash(const std::wstring& path, const std::wstring& algorithm);
 }  // namespace utility
 
 // Registry reads (registry key paths keep their backslashes on every system).
@@ -106,6 +111,14 @@ public:
     // True unless `notAfter` (ISO 8601 UTC) lies in the future. A certificate
     // without a thumbprint or with an unreadable expiry counts as expired.
     static bool IsCertificateExpired(const std::string& thumbprint, const std::string& notAfter);
+    // Verifies a compact JSON web token against the token-signing keys of the
+    // platform policy that `configAgent` gives (RS256 and ES256; "none" and
+    // every other algorithm are refused; an "exp" in the past is refused).
+    // With `skipValidation` the signature and expiry are not checked, as on
+    // developer devices, but the token must still be well formed. `claims`
+    // receives the payload's JSON text on success. Never logs the token.
+    static bool VerifyJWT(const std::string& jwt, std::string& claims, std::shared_ptr<IConfigAgent> configAgent,
+                          bool skipValidation);
 };
 
 // A GMT date and time, as the platform's date-time helpers pass it around.
@@ -156,5 +169,6 @@ public:
     static AgentFactory* GetInstance();
     std::shared_ptr<platform::NotificationAgent> GetNotificationAgent();
     std::shared_ptr<platform::CoreAdapter> GetCoreAdapterAgent();
+    std::shared_ptr<IConfigAgent> GetConfigPolicyAgent();
 };
 }  // namespace zep

@@ -37,6 +37,9 @@ void InstallEnv(Env env) {
     Fill(env.settings, defaults.settings);
     Fill(env.logs, defaults.logs);
     Fill(env.policy, defaults.policy);
+    Fill(env.storage, defaults.storage);
+    Fill(env.events, defaults.events);
+    Fill(env.extensions, defaults.extensions);
     // A null collection is a choice (the Windows way), not a gap to fill.
     auto installed = std::make_shared<const Env>(std::move(env));
     std::lock_guard<std::mutex> guard(EnvMutex());

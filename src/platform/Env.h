@@ -15,6 +15,7 @@
 #include "platform/ClockEnv.h"
 #include "platform/CollectionEnv.h"
 #include "platform/DeviceEnv.h"
+#include "platform/ExtensionEnv.h"
 #include "platform/FileSystemEnv.h"
 #include "platform/HubEnv.h"
 #include "platform/LogEnv.h"
@@ -22,6 +23,7 @@
 #include "platform/ProcessEnv.h"
 #include "platform/RegistryEnv.h"
 #include "platform/SettingsEnv.h"
+#include "platform/StorageEnv.h"
 #include "platform/SystemEnv.h"
 
 namespace zep::platform {
@@ -40,6 +42,9 @@ struct Env {
     std::shared_ptr<SettingsEnv> settings;
     std::shared_ptr<LogEnv> logs;
     std::shared_ptr<PolicyEnv> policy;
+    std::shared_ptr<StorageEnv> storage;
+    std::shared_ptr<EventEnv> events;
+    std::shared_ptr<ExtensionEnv> extensions;
     // Null: collection runs the agent's PowerShell and registry-editor
     // command lines (the Windows way).
     std::shared_ptr<CollectionEnv> collection;

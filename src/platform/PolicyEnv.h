@@ -1,9 +1,12 @@
 // The agent's policies as the module reads them: the update policy with the
-// installed packages, and where the deploy agent keeps each package.
+// installed packages, where the deploy agent keeps each package, and the
+// platform policy (service addresses, TLS lists, token-signing keys).
 #pragma once
 
 #include <string>
 #include <vector>
+
+#include "DiagnosticScanner/PlatformPolicy.h"
 
 namespace zep::platform {
 
@@ -25,6 +28,8 @@ public:
     // The deploy agent's repository folder of `package`, without a trailing
     // separator (its script lies in its "temp" sub-folder).
     virtual std::wstring GetPackageRepositoryFolder(const Package& package) = 0;
+    // The current platform policy; an empty record when there is none.
+    virtual PlatformPolicy GetPlatformPolicy() = 0;
 };
 
 }  // namespace zep::platform

@@ -129,15 +129,70 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         return repositoryRoot + L"/" + package.id;
     }
+    PlatformPolicy GetPlatformPolicy() override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return platformPolicy;
+    }
     void Add(const std::wstring& id, const std::wstring& name) {
         std::lock_guard<std::mutex> lock(mutex_);
         policy.packages.push_back({id, name});
     }
     platform::UpdatePolicy policy;
     std::wstring repositoryRoot;
+    PlatformPolicy platformPolicy;
 
 private:
     std::mutex mutex_;
+};
+
+// The storage agent: records every upload and answers with the scripted
+// results in order (then with `otherwise`).
+class ScriptedStorage : public platform::StorageEnv {
+public:
+    struct Upload {
+        std::string filePath;
+        bool unregisteredDevice = false;
+        std::string metadata;
+        std::string provisionToken;
+    };
+    int UploadDiagResult(const std::string& filePathUtf8, bool unregisteredDevice, const std::string& metadata,
+                         const std::string& provisionToken) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        uploads_.push_back({filePathUtf8, unregisteredDevice, metadata, provisionToken});
+        if (next_ < results.size()) return results[next_++];
+        return otherwise;
+    }
+    std::vector<Upload> Uploads() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return uploads_;
+    }
+    std::vector<int> results;
+    int otherwise = 0;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<Upload> uploads_;
+    std::size_t next_ = 0;
+};
+
+class RecordingEvents : public platform::EventEnv {
+public:
+    struct Event {
+        int id = 0;
+        std::wstring text;
+    };
+    void Log(int eventId, const std::wstring& text) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        events_.push_back({eventId, text});
+    }
+    std::vector<Event> Events() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return events_;
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<Event> events_;
 };
 
 // Well-known folders inside a test's own directory.

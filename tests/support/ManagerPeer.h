@@ -75,6 +75,10 @@ public:
         return m_.GenerateProblemSignature(components, signature);
     }
     void AddArtifactSize() { m_.AddArtifactSize(); }
+    void LogCriticalEvent() { m_.LogCriticalEvent(); }
+
+    // The scan history.
+    void GenerateScanHistory() { m_.GenerateScanHistory(); }
 
 private:
     DiagnosticsManager& m_;

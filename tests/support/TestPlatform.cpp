@@ -37,6 +37,8 @@ TestPlatform::TestPlatform() : rootPath(MakeTempRoot()), root(path::FromFs(rootP
     env.settings = settings;
     env.logs = log;
     env.policy = policy;
+    env.storage = storage;
+    env.events = events;
     Reinstall();
     g_log.Open(log->OpenLog("ZEPDiagnostics.log", 4));
 }

@@ -16,6 +16,16 @@ grep -Eq "^Problem signature: +[0-9a-fA-F]{64}$" <<<"$out"
 grep -q "^Zip: *$latest/LD-4F2A9C_.*\.zip$" <<<"$out"
 grep -q "^  ZEP/context/zep.reg$" <<<"$out"
 grep -q "^Result file: *$latest/scan-result.json$" <<<"$out"
+# One upload in the outbox, one history line, one critical event.
+test "$(find "$device/outbox" -mindepth 1 -maxdepth 1 -type d | wc -l)" -eq 1
+ls "$device"/outbox/0001/LD-4F2A9C_*.zip "$device"/outbox/0001/LD-4F2A9C_*.zip.metadata.json >/dev/null
+grep -q "^Upload: *the scan's zip, LD-4F2A9C_.*\.zip (" <<<"$out"
+test "$(wc -l <"$device/programdata/diagnostics/scan-history.log")" -eq 1
+grep -Eq '^[^,]+,Manual,0,' "$device/programdata/diagnostics/scan-history.log"
+grep -q "^  Upload status: *0 uploaded$" <<<"$out"
+test "$(wc -l <"$device/events.log")" -eq 1
+grep -Eq '"eventId"[[:space:]]*:[[:space:]]*1018' "$device/events.log"
+grep -q "^Event: *1018 at " <<<"$out"
 
 out="$("$zepdiag" notify --device "$device" \
   --payload '{"zep-message":{"action":{"cmd_param":{"requestId":"Smoke-1","target":["zep"]}}}}')"
@@ -27,6 +37,7 @@ ls "$latest"/*_smoke-1.zip >/dev/null
 test ! -e "$device/temp/Quorin/Zep/smoke-1"
 
 "$zepdiag" online --device "$device" >/dev/null
+"$zepdiag" history --device "$device" | grep -Eq "^[^ ]+ +Manual +0 uploaded "
 grep -q "Starting Zep Diagnostics" "$device/programdata/Log/ZEPDiagnostics.log"
 if "$zepdiag" frobnicate >/dev/null 2>&1; then exit 1; fi
 echo "zepdiag smoke: ok"

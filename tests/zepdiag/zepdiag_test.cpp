@@ -103,6 +103,24 @@ int Rows(const std::string& block, const std::string& verdict) {
     return rows;
 }
 
+// The value of an indented "  label:" line; the first one after `after`
+// when given.
+std::string IndentedValue(const std::string& out, const std::string& label, const std::string& after = "") {
+    const std::size_t from = after.empty() ? 0 : out.find(after);
+    if (from == std::string::npos) return "";
+    const std::regex line("\\n  " + label + ": +([^\\n]*)");
+    std::smatch match;
+    const std::string rest = out.substr(from);
+    return std::regex_search(rest, match, line) ? match[1].str() : std::string();
+}
+
+std::vector<std::string> LinesOf(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
 bool HasLine(const std::string& out, const std::string& line) {
     return ("\n" + out).find("\n" + line + "\n") != std::string::npos;
 }
@@ -335,6 +353,137 @@ TEST_F(ScanTest, OnlineNotificationIsDelivered) {
     EXPECT_THAT(online.out, HasSubstr("online notification was delivered"));
 }
 
+// ---- uploads, history and events ------------------------------------------------------
+
+class UploadTest : public ZepdiagTest {
+protected:
+    void SetUp() override {
+        ZepdiagTest::SetUp();
+        ASSERT_EQ(Zepdiag({"init", "--device", device.string()}).code, 0);
+    }
+
+    // device.json rewritten, as a script changes the device's state.
+    void SetOnline(bool online) {
+        Json::Value state = ParseJson(Read(device / "device.json"));
+        state["online"] = online;
+        std::ofstream(device / "device.json", std::ios::trunc) << Json::writeString(Json::StreamWriterBuilder(), state);
+    }
+
+    std::vector<std::string> History() { return LinesOf(Read(zepdiag::ScanHistoryPath(device))); }
+    static std::string StatusOf(const std::string& line) { return zepdiag::HistoryFields(line).at(2); }
+    fs::path Outbox(const std::string& entry) { return device / "outbox" / entry; }
+};
+
+TEST_F(UploadTest, ScanUploadsItsZipWithMetadataAndRecordsIt) {
+    const Outcome scan = Zepdiag({"scan", "--device", device.string()});
+    ASSERT_EQ(scan.code, 0) << scan.err;
+    const fs::path zip = SummaryValue(scan.out, "Zip");
+    const std::string name = zip.filename().string();
+    ASSERT_TRUE(fs::is_regular_file(Outbox("0001") / name)) << scan.out;
+    EXPECT_EQ(Read(Outbox("0001") / name), Read(zip));
+
+    const Json::Value metadata = ParseJson(Read(Outbox("0001") / (name + ".metadata.json")));
+    EXPECT_EQ(metadata["name"].asString(), name);
+    EXPECT_EQ(metadata["sizeInBytes"].asUInt64(), fs::file_size(zip));
+    EXPECT_TRUE(std::regex_match(metadata["hash"].asString(), std::regex("[0-9a-f]{64}"))) << metadata["hash"];
+    EXPECT_EQ(metadata["context"]["id"].asString(), SummaryValue(scan.out, "Scan id"));
+
+    const std::vector<std::string> history = History();
+    ASSERT_EQ(history.size(), 1u);
+    EXPECT_EQ(StatusOf(history[0]), "0");
+    const std::vector<std::string> events = LinesOf(Read(device / "events.log"));
+    ASSERT_EQ(events.size(), 1u);
+    EXPECT_EQ(ParseJson(events[0])["eventId"].asInt(), 1018);
+
+    EXPECT_THAT(SummaryValue(scan.out, "Upload"), ::testing::StartsWith("the scan's zip, " + name + " ("));
+    EXPECT_EQ(IndentedValue(scan.out, "Outbox folder"), Outbox("0001").string());
+    EXPECT_EQ(SummaryValue(scan.out, "History line"), history[0]);
+    EXPECT_EQ(IndentedValue(scan.out, "Upload status"), "0 uploaded");
+    EXPECT_THAT(SummaryValue(scan.out, "Event"), ::testing::StartsWith("1018 at "));
+}
+
+// The same problems again, scheduled: the cloud has their zip already.
+TEST_F(UploadTest, ScheduledScanOfKnownProblemsUploadsOnlyTheScanResult) {
+    ASSERT_EQ(Zepdiag({"scan", "--device", device.string()}).code, 0);
+    const Outcome scheduled = Zepdiag({"scan", "--device", device.string(), "--scheduled"});
+    ASSERT_EQ(scheduled.code, 0) << scheduled.err;
+    EXPECT_EQ(Read(Outbox("0002/scan-result.json")), Read(zepdiag::ScanResultPath(device))) << scheduled.out;
+    EXPECT_THAT(SummaryValue(scheduled.out, "Upload"), ::testing::StartsWith("the scan result only, "));
+    ASSERT_EQ(History().size(), 2u);
+    EXPECT_EQ(StatusOf(History()[1]), "0");
+}
+
+TEST_F(UploadTest, OfflineScanIsUploadedWhenTheDeviceComesOnline) {
+    SetOnline(false);
+    const Outcome scan = Zepdiag({"scan", "--device", device.string()});
+    ASSERT_EQ(scan.code, 0) << scan.err;
+    EXPECT_EQ(SummaryValue(scan.out, "Upload"), "nothing uploaded");
+    EXPECT_FALSE(fs::exists(Outbox("0001")));
+    ASSERT_EQ(History().size(), 1u);
+    EXPECT_EQ(StatusOf(History()[0]), "2");
+
+    SetOnline(true);
+    const Outcome online = Zepdiag({"online", "--device", device.string()});
+    ASSERT_EQ(online.code, 0) << online.err;
+    const fs::path zip = SummaryValue(scan.out, "Zip");
+    EXPECT_EQ(Read(Outbox("0001") / zip.filename()), Read(zip)) << online.out;
+    // The deferred scan's line is rewritten, not a new one added.
+    ASSERT_EQ(History().size(), 1u);
+    EXPECT_EQ(StatusOf(History()[0]), "0");
+    EXPECT_EQ(IndentedValue(online.out, "Upload status", "History before:"), "2 offline, upload deferred");
+    EXPECT_EQ(IndentedValue(online.out, "Upload status", "History after:"), "0 uploaded");
+
+    const Outcome again = Zepdiag({"online", "--device", device.string()});
+    EXPECT_EQ(SummaryValue(again.out, "Upload"), "nothing uploaded");
+}
+
+TEST_F(UploadTest, ServiceRefusalIsRecordedAsNotUploaded) {
+    std::ofstream(device / "upload-results") << "429\n";
+    const Outcome scan = Zepdiag({"scan", "--device", device.string()});
+    ASSERT_EQ(scan.code, 0) << scan.err;
+    EXPECT_FALSE(fs::exists(Outbox("0001")));
+    EXPECT_THAT(LinesOf(Read(Outbox("failed.log"))), ::testing::ElementsAre(::testing::EndsWith(".zip,429")));
+    ASSERT_EQ(History().size(), 1u);
+    EXPECT_EQ(StatusOf(History()[0]), "1");
+    EXPECT_THAT(SummaryValue(scan.out, "Upload"), ::testing::StartsWith("failed with 429, LD-4F2A9C_"));
+}
+
+TEST_F(UploadTest, HistoryListsTheScansNewestLast) {
+    EXPECT_THAT(Zepdiag({"history", "--device", device.string()}).out, HasSubstr("no history yet"));
+    ASSERT_EQ(Zepdiag({"scan", "--device", device.string()}).code, 0);
+    SetOnline(false);
+    ASSERT_EQ(Zepdiag({"scan", "--device", device.string(), "--scheduled"}).code, 0);
+
+    const Outcome history = Zepdiag({"history", "--device", device.string()});
+    ASSERT_EQ(history.code, 0) << history.err;
+    const std::vector<std::string> lines = LinesOf(history.out);
+    ASSERT_GE(lines.size(), 3u) << history.out;
+    const std::string signature = "[0-9a-f]{16}\xe2\x80\xa6$";  // shortened with an ellipsis
+    EXPECT_THAT(lines[lines.size() - 2], ::testing::ContainsRegex("  Manual +0 uploaded +0 +1 +" + signature));
+    EXPECT_THAT(lines.back(), ::testing::ContainsRegex("  Scheduled +2 offline, upload deferred +1 +1 +" + signature));
+}
+
+// Only what a run added counts: new outbox folders in number order (past
+// 9999 too), appended lines, and a history line only when the file changed.
+TEST_F(ZepdiagTest, ActivityIsWhatTheRunAdded) {
+    fs::create_directories(root / "outbox/0001");
+    fs::create_directories(root / "programdata/diagnostics");
+    std::ofstream(zepdiag::ScanHistoryPath(root)) << "t,Manual,0,0,0,\n";
+    std::ofstream(root / "events.log") << "old\n";
+    const zepdiag::ActivitySnapshot before = zepdiag::SnapshotActivity(root);
+
+    for (const char* folder : {"10000", "9999"}) fs::create_directories(root / "outbox" / folder);
+    std::ofstream(root / "outbox/9999/a.zip") << "zip";
+    std::ofstream(root / "events.log", std::ios::app) << "new\n";
+    const zepdiag::RunActivity activity = zepdiag::ActivitySince(root, before);
+
+    ASSERT_EQ(activity.uploads.size(), 2u);
+    EXPECT_EQ(activity.uploads[0].file, "a.zip");
+    EXPECT_EQ(activity.uploads[1].folder, root / "outbox/10000");
+    EXPECT_THAT(activity.events, ::testing::ElementsAre("new"));
+    EXPECT_FALSE(activity.historyLine);
+}
+
 // ---- the summary's parts -----------------------------------------------------------
 
 Json::Value HandWrittenScanResult() {
@@ -523,6 +672,8 @@ TEST(CommandLineTest, UsageErrorsExitWithTwo) {
         {"notify", "--scheduled", "--payload", "{}"},
         {"init", "--scheduled"},
         {"scan", "--scheduled=yes"},
+        {"history", "--scheduled"},
+        {"history", "--payload", "{}"},
     };
     for (const auto& args : cases) {
         SCOPED_TRACE(::testing::PrintToString(args));
@@ -537,7 +688,8 @@ TEST(CommandLineTest, HelpIsNotAnError) {
     for (const auto& args : std::vector<std::vector<std::string>>{{}, {"--help"}, {"help"}, {"scan", "-h"}}) {
         const Outcome outcome = Zepdiag(args);
         EXPECT_EQ(outcome.code, 0);
-        for (const char* word : {"init", "scan", "notify", "online", "--device", "--payload", "--scheduled"}) {
+        for (const char* word :
+             {"init", "scan", "notify", "online", "history", "--device", "--payload", "--scheduled", "outbox"}) {
             EXPECT_THAT(outcome.out, HasSubstr(word));
         }
     }
@@ -554,6 +706,11 @@ TEST(CommandLineTest, OptionsTakeBothSpellings) {
     ASSERT_TRUE(scan.options);
     EXPECT_TRUE(scan.options->scheduled);
     EXPECT_EQ(scan.options->device, "zep-device");
+
+    const auto history = zepdiag::ParseCommandLine({"history", "--device=/d"});
+    ASSERT_TRUE(history.options) << history.error;
+    EXPECT_EQ(history.options->command, zepdiag::Command::History);
+    EXPECT_EQ(history.options->device, "/d");
 }
 
 TEST_F(ZepdiagTest, UnusableDeviceFoldersExitWithTwo) {

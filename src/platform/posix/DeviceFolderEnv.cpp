@@ -15,12 +15,14 @@
 
 #include <json/json.h>
 
+#include "platform/CivilTime.h"
 #include "platform/MemoryRegistry.h"
 #include "platform/Paths.h"
 #include "platform/Strings.h"
 #include "platform/posix/PosixClock.h"
 #include "platform/posix/PosixFileSystem.h"
 #include "platform/posix/NativeCollection.h"
+#include "platform/posix/PlatformPolicyFile.h"
 #include "platform/posix/PosixProcess.h"
 
 namespace zep::platform {
@@ -446,8 +448,233 @@ public:
         return path::FromFs(dir_ / "packages") + L"/" + package.id;
     }
 
+    PlatformPolicy GetPlatformPolicy() override { return LoadPlatformPolicy(dir_ / "platform-policy.json"); }
+
 private:
     fs::path dir_;
+};
+
+// ---- outbox/ and events.log -------------------------------------------------
+
+// Whole-file and append writes for the storage and the event log. Every
+// write is checked: a full disk must show as a failed upload, not as a
+// partial copy that looks complete.
+class FolderWrites {
+public:
+    static bool WriteAll(int fd, std::string_view bytes) {
+        while (!bytes.empty()) {
+            const ssize_t written = ::write(fd, bytes.data(), bytes.size());
+            if (written < 0) {
+                if (errno == EINTR) continue;
+                return false;
+            }
+            bytes.remove_prefix(static_cast<std::size_t>(written));
+        }
+        return true;
+    }
+
+    // A file that must not exist yet.
+    static bool CreateNew(const fs::path& path, std::string_view bytes) {
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        if (fd < 0) return false;
+        const bool written = WriteAll(fd, bytes);
+        return ::close(fd) == 0 && written;
+    }
+
+    // One line in one write(2) on an O_APPEND descriptor, so that lines of
+    // concurrent writers never interleave.
+    static bool AppendLine(const fs::path& path, const std::string& line) {
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+        if (fd < 0) return false;
+        const bool written = WriteAll(fd, line + "\n");
+        return ::close(fd) == 0 && written;
+    }
+
+    static std::string IsoUtc(std::chrono::system_clock::time_point time) {
+        return DateTimeUtility::convertGMTTimeToString(civil::ToGmt(time));
+    }
+};
+
+// The storage agent of a device folder. An upload succeeds by default and
+// lands in DIR/outbox/NNNN/ (one numbered folder per upload, never reused):
+// the file, its metadata document exactly as passed, and upload.json. The
+// answer of the next uploads can be forced, one code per line, through
+// DIR/upload-results; a forced failure copies nothing and is recorded in
+// DIR/outbox/failed.log. Whether the device is online is the module's own
+// check: a forced 10 plays the storage agent's offline answer.
+class FolderStorage : public StorageEnv {
+public:
+    FolderStorage(const fs::path& dir, std::shared_ptr<ClockEnv> clock)
+        : outbox_(dir / "outbox"), results_(dir / "upload-results"), clock_(std::move(clock)) {}
+
+    int UploadDiagResult(const std::string& filePathUtf8, bool unregisteredDevice, const std::string& metadata,
+                         const std::string& provisionToken) override {
+        std::lock_guard<std::mutex> lock(mutex_);
+        const fs::path source(filePathUtf8);
+        const std::string name = source.filename().string();
+        std::error_code error;
+        fs::create_directories(outbox_, error);
+
+        // A file that cannot be read is refused before the service is asked,
+        // so it takes no forced result.
+        const int fd = ::open(source.c_str(), O_RDONLY | O_CLOEXEC);
+        struct stat info {};
+        if (fd < 0 || ::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+            if (fd >= 0) ::close(fd);
+            return Failed(name, kLocalRefusal);
+        }
+        const int forced = NextForcedResult();
+        if (forced != 0) {
+            ::close(fd);
+            return Failed(name, forced);
+        }
+
+        const std::optional<fs::path> folder = NewUploadFolder();
+        std::uint64_t size = 0;
+        bool stored = folder && Copy(fd, *folder / name, size) &&
+                      FolderWrites::CreateNew(*folder / (name + ".metadata.json"), metadata) &&
+                      FolderWrites::CreateNew(*folder / "upload.json",
+                                              Record(name, size, unregisteredDevice, !provisionToken.empty()));
+        ::close(fd);
+        if (!stored) {
+            if (folder) fs::remove_all(*folder, error);
+            return Failed(name, kLocalRefusal);
+        }
+        return 0;
+    }
+
+private:
+    static constexpr int kLocalRefusal = 1;
+
+    int Failed(const std::string& name, int code) {
+        // The line is best effort: the answer is what the module acts on.
+        FolderWrites::AppendLine(outbox_ / "failed.log",
+                                 FolderWrites::IsoUtc(clock_->SystemNow()) + "," + name + "," + std::to_string(code));
+        return code;
+    }
+
+    // Takes the first line of upload-results; the rest is written back, or the
+    // file removed once nothing is left. Blank lines are skipped; a line that
+    // is no number is taken as a local refusal, so a typo cannot pass for a
+    // success.
+    int NextForcedResult() {
+        std::string text;
+        FileStamp stamp;
+        if (!ReadAll(results_, text, stamp)) return 0;
+        constexpr const char* kBlank = " \t\r\n";
+        std::size_t begin = 0;
+        std::string line;
+        while (begin < text.size() && line.empty()) {
+            std::size_t end = text.find('\n', begin);
+            if (end == std::string::npos) end = text.size();
+            line = text.substr(begin, end - begin);
+            begin = end + 1;
+            const std::size_t first = line.find_first_not_of(kBlank);
+            line = first == std::string::npos ? std::string()
+                                               : line.substr(first, line.find_last_not_of(kBlank) + 1 - first);
+        }
+        const std::string rest = begin < text.size() ? text.substr(begin) : std::string();
+        std::error_code error;
+        if (rest.find_first_not_of(kBlank) == std::string::npos) {
+            fs::remove(results_, error);
+        } else {
+            const fs::path temporary = results_.native() + ".new";
+            fs::remove(temporary, error);
+            if (FolderWrites::CreateNew(temporary, rest)) fs::rename(temporary, results_, error);
+        }
+        if (line.empty()) return 0;
+        try {
+            std::size_t used = 0;
+            const int code = std::stoi(line, &used);
+            return used == line.size() ? code : kLocalRefusal;
+        } catch (...) {
+            return kLocalRefusal;
+        }
+    }
+
+    // The folder after the highest numbered one, created exclusively: a name
+    // taken meanwhile by another writer moves on to the next number.
+    std::optional<fs::path> NewUploadFolder() {
+        unsigned long highest = 0;
+        std::error_code error;
+        for (fs::directory_iterator it(outbox_, error), end; !error && it != end; it.increment(error)) {
+            const std::string entry = it->path().filename().string();
+            if (entry.empty() || entry.size() > 9 || entry.find_first_not_of("0123456789") != std::string::npos) {
+                continue;
+            }
+            const unsigned long number = std::stoul(entry);
+            if (number > highest) highest = number;
+        }
+        for (unsigned long number = highest + 1, tries = 0; tries < 1000; ++number, ++tries) {
+            std::string name = std::to_string(number);
+            if (name.size() < 4) name.insert(0, 4 - name.size(), '0');
+            const fs::path folder = outbox_ / name;
+            if (::mkdir(folder.c_str(), 0755) == 0) return folder;
+            if (errno != EEXIST) return std::nullopt;
+        }
+        return std::nullopt;
+    }
+
+    static bool Copy(int from, const fs::path& to, std::uint64_t& size) {
+        const int fd = ::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+        if (fd < 0) return false;
+        bool ok = true;
+        char buffer[65536];
+        for (;;) {
+            const ssize_t got = ::read(from, buffer, sizeof buffer);
+            if (got == 0) break;
+            if (got < 0) {
+                if (errno == EINTR) continue;
+                ok = false;
+                break;
+            }
+            if (!FolderWrites::WriteAll(fd, std::string_view(buffer, static_cast<std::size_t>(got)))) {
+                ok = false;
+                break;
+            }
+            size += static_cast<std::uint64_t>(got);
+        }
+        return ::close(fd) == 0 && ok;
+    }
+
+    // What the service was given, except the token itself.
+    std::string Record(const std::string& name, std::uint64_t size, bool unregisteredDevice, bool tokenUsed) {
+        Json::Value record(Json::objectValue);
+        record["file"] = name;
+        record["sizeInBytes"] = Json::Value(static_cast<Json::UInt64>(size));
+        record["unregisteredDevice"] = unregisteredDevice;
+        record["provisionTokenUsed"] = tokenUsed;
+        record["time"] = FolderWrites::IsoUtc(clock_->SystemNow());
+        Json::StreamWriterBuilder builder;
+        builder["emitUTF8"] = true;
+        return Json::writeString(builder, record) + "\n";
+    }
+
+    const fs::path outbox_;
+    const fs::path results_;
+    const std::shared_ptr<ClockEnv> clock_;
+    std::mutex mutex_;
+};
+
+// The platform's critical-event log: DIR/events.log, one JSON object per line.
+class FolderEvents : public EventEnv {
+public:
+    FolderEvents(fs::path file, std::shared_ptr<ClockEnv> clock) : file_(std::move(file)), clock_(std::move(clock)) {}
+
+    void Log(int eventId, const std::wstring& text) override {
+        Json::Value event(Json::objectValue);
+        event["time"] = FolderWrites::IsoUtc(clock_->SystemNow());
+        event["eventId"] = eventId;
+        event["text"] = text::ToUtf8(text);
+        Json::StreamWriterBuilder builder;
+        builder["indentation"] = "";
+        builder["emitUTF8"] = true;
+        FolderWrites::AppendLine(file_, Json::writeString(builder, event));  // fire and forget
+    }
+
+private:
+    const fs::path file_;
+    const std::shared_ptr<ClockEnv> clock_;
 };
 
 }  // namespace
@@ -477,6 +704,8 @@ Env MakeDeviceFolderEnv(const std::wstring& deviceDir, std::shared_ptr<HubEnv> h
     env.settings = std::make_shared<FolderSettings>(deviceFile);
     env.logs = std::make_shared<FolderLogs>(dir / "programdata" / "Log");
     env.policy = std::make_shared<FolderPolicy>(dir);
+    env.storage = std::make_shared<FolderStorage>(dir, env.clock);
+    env.events = std::make_shared<FolderEvents>(dir / "events.log", env.clock);
     env.collection = std::make_shared<NativeCollection>();
     return env;
 }

@@ -44,6 +44,9 @@ Env DefaultEnv() {
     env.settings = std::make_shared<DefaultSettings>();
     env.logs = std::make_shared<DroppingLogEnv>();
     env.policy = std::make_shared<EmptyPolicy>();
+    env.storage = std::make_shared<AbsentStorage>();
+    env.events = std::make_shared<DroppingEvents>();
+    env.extensions = std::make_shared<AbsentExtensions>();
     env.collection = std::make_shared<NativeCollection>();
     return env;
 }
