@@ -7,6 +7,7 @@
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "DiagnosticScanner/ZEPDiagnosticsGenerator.h"
 #include "manager/ScanName.h"
+#include "platform/ExceptionText.h"
 #include "platform/CommonBase.h"
 #include "platform/Env.h"
 #include "platform/Paths.h"
@@ -17,15 +18,6 @@ constexpr const char* kRunDiagnostics = "DiagnosticsManager::RunDiagnostics";
 
 std::int64_t SteadyNanoseconds() { return zep::platform::CurrentEnv()->clock->SteadyNow().count(); }
 
-std::wstring ExceptionText(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& ex) {
-        return String::UTF8ToUTF16(ex.what());
-    } catch (...) {
-        return L"unknown exception";
-    }
-}
 
 // Runs one phase of a scan. A phase that throws is logged and the scan goes
 // on with the next one: what earlier phases wrote is kept.
@@ -34,7 +26,7 @@ void RunPhase(const char* name, Phase&& phase) {
     try {
         phase();
     } catch (...) {
-        g_log.e(L"%s: Exception Occurred: %ls", name, ExceptionText(std::current_exception()));
+        g_log.e(L"%s: Exception Occurred: %ls", name, zep::CurrentExceptionText());
     }
 }
 
@@ -134,7 +126,7 @@ void DiagnosticsManager::RunDiagnostics(std::shared_ptr<zep::diagnostics::IDiagn
             FormatExecutionTime(static_cast<float>(elapsedSeconds), executionTime);
         }
     } catch (...) {
-        g_log.d(L"%s: exception during tests running %s", kRunDiagnostics, ExceptionText(std::current_exception()));
+        g_log.d(L"%s: exception during tests running %s", kRunDiagnostics, zep::CurrentExceptionText());
         result = ErrorGeneral;
         executionTime = L"0";
         tests.clear();

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
+#include "platform/ExceptionText.h"
 #include "platform/CommonBase.h"
 #include "platform/Paths.h"
 #include "platform/Strings.h"
@@ -50,15 +51,6 @@ std::string JoinLines(const std::vector<std::string>& lines) {
     return text;
 }
 
-std::wstring ExceptionText() {
-    try {
-        throw;
-    } catch (const std::exception& ex) {
-        return String::UTF8ToUTF16(ex.what());
-    } catch (...) {
-        return L"unknown exception";
-    }
-}
 }  // namespace
 
 void DiagnosticsManager::GenerateScanHistory() {
@@ -95,7 +87,7 @@ void DiagnosticsManager::GenerateScanHistory() {
             g_log.e(L"%s Unable to open file: %s for writing", kGenerateLabel, path);
         }
     } catch (...) {
-        g_log.e(L"%s: Exception Occurred: %ls", kGenerateLabel, ExceptionText());
+        g_log.e(L"%s: Exception Occurred: %ls", kGenerateLabel, zep::CurrentExceptionText());
     }
 }
 
@@ -121,7 +113,7 @@ std::wstring DiagnosticsManager::GetLastLineInFile(std::wstring& path) {
         if (last.empty()) g_log.d(L"%s File is empty %s", kLastLineLabel, path);
         return last;
     } catch (...) {
-        g_log.e(L"%s: Exception Occurred: %ls", kLastLineLabel, ExceptionText());
+        g_log.e(L"%s: Exception Occurred: %ls", kLastLineLabel, zep::CurrentExceptionText());
         return {};
     }
 }
@@ -159,7 +151,7 @@ bool DiagnosticsManager::UpdateStatusForLastLineInScanHistoryFile(const std::wst
         }
         return true;
     } catch (...) {
-        g_log.e(L"%s: Exception Occurred: %ls", kUpdateLabel, ExceptionText());
+        g_log.e(L"%s: Exception Occurred: %ls", kUpdateLabel, zep::CurrentExceptionText());
         return false;
     }
 }
@@ -189,22 +181,22 @@ void DiagnosticsManager::DeviceHasComeOnline() {
                         UpdateStatusForLastLineInScanHistoryFile(path, GetFileUploadToCloudStatus(),
                                                                  artifactIncludedStatus);
                     } catch (...) {
-                        g_log.e(L"%s: Exception Occurred: %ls", kOnlineLabel, ExceptionText());
+                        g_log.e(L"%s: Exception Occurred: %ls", kOnlineLabel, zep::CurrentExceptionText());
                     }
                     // The next scan starts from clean state whatever happened.
                     ResetComponentResultValues();
                 }
             }
         } catch (...) {
-            g_log.e(L"%s: Exception Occurred: %ls", kOnlineLabel, ExceptionText());
+            g_log.e(L"%s: Exception Occurred: %ls", kOnlineLabel, zep::CurrentExceptionText());
         }
         try {
             ProcessDeferredPluginUploads();
         } catch (...) {
-            g_log.e(L"%s: Exception Occurred: %ls", kOnlineLabel, ExceptionText());
+            g_log.e(L"%s: Exception Occurred: %ls", kOnlineLabel, zep::CurrentExceptionText());
         }
     } catch (...) {
-        g_log.e(L"%s: Exception Occurred: %ls", kOnlineLabel, ExceptionText());
+        g_log.e(L"%s: Exception Occurred: %ls", kOnlineLabel, zep::CurrentExceptionText());
     }
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
+#include "platform/ExceptionText.h"
 #include "platform/CommonBase.h"
 #include "platform/FileStorageAgent.h"
 
@@ -27,15 +28,6 @@ std::wstring DigitText(unsigned long value) {
     return text.str();
 }
 
-std::wstring CurrentExceptionText() {
-    try {
-        throw;
-    } catch (const std::exception& ex) {
-        return String::UTF8ToUTF16(ex.what());
-    } catch (...) {
-        return L"unknown exception";
-    }
-}
 }  // namespace
 
 void DiagnosticsManager::LogCriticalEvent() {
@@ -75,6 +67,6 @@ void DiagnosticsManager::LogCriticalEvent() {
         }
         CriticalEventLogger::Log(kScanOutcomeEventId, text);
     } catch (...) {
-        g_log.d(L"%s: Exception Occurred: %ls", kLabel, CurrentExceptionText());
+        g_log.d(L"%s: Exception Occurred: %ls", kLabel, zep::CurrentExceptionText());
     }
 }

@@ -9,6 +9,7 @@
 #include <json/json.h>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
+#include "platform/ExceptionText.h"
 #include "platform/CommonBase.h"
 #include "platform/FileStorageAgent.h"
 #include "platform/Paths.h"
@@ -22,15 +23,6 @@ constexpr const char* kArtifactSizeLabel = "DiagnosticsManager::AddArtifactSize"
 constexpr std::uint32_t kManualTrigger = 0;
 constexpr std::uint32_t kMqttTrigger = 2;
 
-std::wstring CurrentExceptionText() {
-    try {
-        throw;
-    } catch (const std::exception& ex) {
-        return String::UTF8ToUTF16(ex.what());
-    } catch (...) {
-        return L"unknown exception";
-    }
-}
 
 std::wstring ProvisionBackupPath() {
     std::wstring root;
@@ -134,7 +126,7 @@ void DiagnosticsManager::UploadDiagnosticsResults() {
             upload(false, true, std::string());
         }
     } catch (...) {
-        g_log.d(L"%s: Exception Occurred: %ls", kUploadLabel, CurrentExceptionText());
+        g_log.d(L"%s: Exception Occurred: %ls", kUploadLabel, zep::CurrentExceptionText());
     }
 }
 
@@ -185,7 +177,7 @@ bool DiagnosticsManager::FetchVerifiedProvisionTokenFromBackUp(std::string& toke
         return CoreUtility::VerifyJWT(token, claims, zep::AgentFactory::GetInstance()->GetConfigPolicyAgent(),
                                       DeveloperSettings::GetInstance()->DisableJwtValidation());
     } catch (...) {
-        g_log.d(L"%s: Exception Occurred: %ls", kFetchTokenLabel, CurrentExceptionText());
+        g_log.d(L"%s: Exception Occurred: %ls", kFetchTokenLabel, zep::CurrentExceptionText());
         return false;
     }
 }

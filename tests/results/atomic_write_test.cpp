@@ -7,6 +7,7 @@
 #include <json/json.h>
 
 #include "platform/Paths.h"
+#include "support/FileSizeLimit.h"
 #include "support/ManagerFixture.h"
 
 using zep::testing::ManagerTest;
@@ -15,26 +16,8 @@ using zep::testing::WriteText;
 
 namespace {
 
-// Limits the size of any file this process writes; a write past it fails
-// with EFBIG (SIGXFSZ ignored) as on a full disk.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t bytes) {
-        getrlimit(RLIMIT_FSIZE, &saved_);
-        previous_ = signal(SIGXFSZ, SIG_IGN);
-        rlimit limited = saved_;
-        limited.rlim_cur = bytes;
-        setrlimit(RLIMIT_FSIZE, &limited);
-    }
-    ~FileSizeLimit() {
-        setrlimit(RLIMIT_FSIZE, &saved_);
-        signal(SIGXFSZ, previous_);
-    }
+using zep::testing::FileSizeLimit;
 
-private:
-    rlimit saved_{};
-    sighandler_t previous_ = nullptr;
-};
 
 class AtomicWriteTest : public ManagerTest {};
 

@@ -13,9 +13,12 @@
 
 #include "platform/Paths.h"
 #include "platform/Strings.h"
+#include "support/FileSizeLimit.h"
 #include "support/ManagerFixture.h"
 
 namespace {
+
+using zep::testing::FileSizeLimit;
 
 namespace fs = std::filesystem;
 using zep::testing::ReadText;
@@ -46,28 +49,6 @@ private:
     std::wstring refused_;
 };
 
-// Any file this process writes is limited to `bytes`; a longer write fails
-// half-way with EFBIG, as on a full disk.
-class FileSizeLimit {
-public:
-    explicit FileSizeLimit(rlim_t bytes) {
-        getrlimit(RLIMIT_FSIZE, &saved_);
-        previous_ = signal(SIGXFSZ, SIG_IGN);
-        rlimit limited = saved_;
-        limited.rlim_cur = bytes;
-        setrlimit(RLIMIT_FSIZE, &limited);
-    }
-    ~FileSizeLimit() {
-        setrlimit(RLIMIT_FSIZE, &saved_);
-        signal(SIGXFSZ, previous_);
-    }
-    FileSizeLimit(const FileSizeLimit&) = delete;
-    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
-
-private:
-    rlimit saved_{};
-    sighandler_t previous_ = nullptr;
-};
 
 // History lines `from` to `to`, each with its own signature.
 std::string NumberedLines(int from, int to) {
