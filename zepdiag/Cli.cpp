@@ -91,8 +91,12 @@ Commands:
            print the built-in component's result.
   notify   Deliver a getDiagnostics request through the notification hub, as
            the cloud sends it over MQTT, and print the result of the scan.
-  online   Deliver the "device is online" notification, which completes an
-           upload that an offline scan deferred, and print what it uploaded.
+           A target other than "zep" names a plug-in (DIR/plugins/<name>/):
+           its running instances are asked too, and their results, zips,
+           uploads and history lines are printed after the agent's.
+  online   Deliver the "device is online" notification, which completes the
+           uploads that offline scans and plug-in requests deferred, and
+           print what it uploaded.
   history  Print the scan history, newest scan last.
   help     Show this text.
 

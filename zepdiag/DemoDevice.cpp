@@ -22,6 +22,7 @@ constexpr const char* kLogicalDeviceId = "LD-4F2A9C";
 constexpr const char* kAgentId = "3f9d2c41-8b7e-4a15-b6c2-9e0f1a7d5c38";
 constexpr const char* kServiceVersion = "4.12.3.0";
 constexpr const char* kPackageId = "com.quorin.vpnclient";
+constexpr const char* kPluginId = "com.quorin.demoplugin";
 
 std::string Utc(system_clock::time_point time, bool milliseconds) {
     const std::time_t seconds = system_clock::to_time_t(time);
@@ -81,7 +82,8 @@ std::string DeviceJson(system_clock::time_point now) {
   },
   "developerSettings": {
     "enableCustomSettings": false,
-    "disableJwtValidation": false
+    "disableJwtValidation": false,
+    "maxJitterSeconds": 5
   }
 }
 )";
@@ -164,30 +166,46 @@ constexpr std::string_view kUpdatePolicy =
     R"({"packages": [{"id": "com.quorin.vpnclient", "name": "Quorin VPN Client"}]})"
     "\n";
 
-// The package's own diagnostics: a tab-indented component result with one
-// passing and one failing test, written as JsonCpp writes result documents.
-std::string PackageComponentResult() {
-    auto test = [](const char* id, const char* name, const char* expected, const char* actual) {
-        Json::Value entry(Json::objectValue);
-        entry["id"] = id;
-        entry["friendlyName"] = name;
-        entry["expected"] = expected;
-        entry["actual"] = actual;
-        entry["result"] = std::string(expected) == actual ? "pass" : "fail";
-        return entry;
-    };
+struct DemoTest {
+    const char* id;
+    const char* name;
+    const char* expected;
+    const char* actual;
+};
+
+// A tab-indented component result, written as JsonCpp writes result
+// documents; a test passes when its actual value is the expected one.
+std::string ComponentResult(const char* componentId, const char* friendlyName, const char* seconds,
+                            const std::vector<DemoTest>& tests) {
     Json::Value document(Json::objectValue);
-    document["componentId"] = kPackageId;
-    document["friendlyName"] = "Quorin VPN Client";
-    document["executionTimeSeconds"] = "0.042";
+    document["componentId"] = componentId;
+    document["friendlyName"] = friendlyName;
+    document["executionTimeSeconds"] = seconds;
     document["resultType"] = "Complete";
-    document["isProblematic"] = true;
-    document["tests"].append(
-        test("5d0c1a2e-7f43-4b9e-a1c6-0e8b3d2f9a71", "vpn_service_running", "running", "running"));
-    document["tests"].append(
-        test("9b47e3f0-2c18-4d6a-b5e9-71a0c4d82f36", "vpn_tunnel_established", "connected", "disconnected"));
+    bool failed = false;
+    document["tests"] = Json::Value(Json::arrayValue);
+    for (const auto& test : tests) {
+        Json::Value entry(Json::objectValue);
+        entry["id"] = test.id;
+        entry["friendlyName"] = test.name;
+        entry["expected"] = test.expected;
+        entry["actual"] = test.actual;
+        const bool passed = std::string_view(test.expected) == test.actual;
+        entry["result"] = passed ? "pass" : "fail";
+        failed |= !passed;
+        document["tests"].append(entry);
+    }
+    document["isProblematic"] = failed;
     Json::StreamWriterBuilder builder;  // tab indentation by default
     return Json::writeString(builder, document);
+}
+
+// The package's own diagnostics: one passing and one failing test.
+std::string PackageComponentResult() {
+    return ComponentResult(kPackageId, "Quorin VPN Client", "0.042",
+                           {{"5d0c1a2e-7f43-4b9e-a1c6-0e8b3d2f9a71", "vpn_service_running", "running", "running"},
+                            {"9b47e3f0-2c18-4d6a-b5e9-71a0c4d82f36", "vpn_tunnel_established", "connected",
+                             "disconnected"}});
 }
 
 std::string InstallScript() {
@@ -237,6 +255,55 @@ $now [i] service QuorinVpnService: running, version 7.1.0.2204
 $now [e] tunnel: not established, last error 809 (no answer from vpn.quorin.example)
 $now [i] get-diagnostics finished
 LOG
+exit 0
+)";
+}
+
+// The demo plug-in: the extension module finds it by its folder name and
+// runs its program with the diagnostics folder of each running instance.
+std::string PluginManifest() {
+    return std::string(R"({
+  "id": ")") + kPluginId + R"(",
+  "elevations": ["elevated"],
+  "program": "run.sh"
+}
+)";
+}
+
+std::string PluginComponentResult() {
+    return ComponentResult(kPluginId, "Demo Plug-in", "0.015",
+                           {{"1f6b0c3a-94d2-4e57-8a1b-c3e7d95f2048", "demo_service_running", "running", "running"},
+                            {"7a2d9e41-0b5c-4f83-9d6e-28c1f4a7b390", "demo_config_present", "present", "missing"}});
+}
+
+std::string PluginScript() {
+    return std::string(R"(#!/bin/sh
+# Demo Plug-in: the plug-in's program on this demo device. It knows one
+# command: get-diagnostics <folder> <elevated|user|none> writes the plug-in's
+# component result and a log into <folder> and answers on standard output
+# whether the agent should delete them once uploaded.
+set -u
+
+if [ "$#" -ne 3 ] || [ "$1" != get-diagnostics ]; then
+    echo "run.sh: usage: run.sh get-diagnostics <folder> <elevated|user|none>" >&2
+    exit 2
+fi
+out_dir=$2
+elevation=$3
+mkdir -p "$out_dir/Log" || exit 1
+now=$(date -u +%Y-%m-%dT%H:%M:%SZ)
+
+cat > "$out_dir/component-result.json" <<'RESULT' || exit 1
+)") + PluginComponentResult() + R"(
+RESULT
+
+cat > "$out_dir/Log/demo-plugin.log" <<LOG || exit 1
+$now [i] get-diagnostics started by the $elevation instance, output folder $out_dir
+$now [i] demo service: running, version 1.4.0.12
+$now [e] configuration: /etc/quorin/demo-plugin.conf not found
+$now [i] get-diagnostics finished
+LOG
+echo '{"deleteFilesOnUpload": false}'
 exit 0
 )";
 }
@@ -306,6 +373,9 @@ bool CreateDemoDevice(const fs::path& dir, system_clock::time_point now, std::st
     w.File("update-policy.json", kUpdatePolicy);
     w.File(fs::path("packages") / kPackageId / "temp" / "install.sh", InstallScript());
     w.Executable(fs::path("packages") / kPackageId / "temp" / "install.sh");
+    w.File("plugins/demo-plugin/plugin.json", PluginManifest());
+    w.File("plugins/demo-plugin/run.sh", PluginScript());
+    w.Executable("plugins/demo-plugin/run.sh");
     error = w.error();
     return w.ok();
 }

@@ -20,9 +20,9 @@ FolderKind InspectDeviceFolder(const std::filesystem::path& dir);
 
 // Writes a registered, connected demo device into `dir` (missing or empty):
 // device.json, registry.reg, an application-data tree with agent logs and a
-// sync database, an update policy and one package with its script. `now`
-// dates the logs and the certificate. False, with `error` set, when something
-// cannot be written.
+// sync database, an update policy, one package with its script and one
+// plug-in (plugins/demo-plugin/) running elevated. `now` dates the logs and
+// the certificate. False, with `error` set, when something cannot be written.
 bool CreateDemoDevice(const std::filesystem::path& dir, std::chrono::system_clock::time_point now,
                       std::string& error);
 

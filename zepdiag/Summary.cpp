@@ -10,6 +10,8 @@
 
 #include <zip.h>
 
+#include "platform/Strings.h"
+
 namespace zepdiag {
 namespace {
 
@@ -138,10 +140,83 @@ bool IsOutboxFolderName(const std::string& name) {
 }
 
 // What kind of file the module uploaded, told by its name.
-std::string UploadKind(const std::string& file) {
-    if (file == "scan-result.json") return "the scan result only";
-    if (EndsWith(file, ".zip")) return "the scan's zip";
+std::string UploadKind(const OutboxUpload& upload) {
+    if (!upload.pluginId.empty()) return "the zip of plug-in " + upload.pluginId;
+    if (upload.file == "scan-result.json") return "the scan result only";
+    if (EndsWith(upload.file, ".zip")) return "the scan's zip";
     return "a file";
+}
+
+// A plug-in's upload metadata embeds its own scan result, which holds its
+// one component; the agent's holds all of its scan's.
+std::string PluginOfUpload(const fs::path& metadataFile, const std::string& file) {
+    const std::optional<Json::Value> metadata = ReadJson(metadataFile);
+    if (!metadata || !(*metadata)["context"].isObject()) return "";
+    const Json::Value& components = (*metadata)["context"]["components"];
+    if (!components.isArray() || components.size() != 1 || !components[0].isObject() ||
+        !components[0]["componentId"].isString()) {
+        return "";
+    }
+    const std::string id = components[0]["componentId"].asString();
+    return !id.empty() && EndsWith(file, "_" + id + ".zip") ? id : "";
+}
+
+// The newest regular file in `folder` whose name ends with `suffix`.
+std::optional<fs::path> NewestEndingWith(const fs::path& folder, const std::string& suffix) {
+    std::optional<fs::path> found;
+    fs::file_time_type foundTime{};
+    std::error_code code;
+    for (fs::directory_iterator it(folder, code), end; !code && it != end; it.increment(code)) {
+        std::error_code fileCode;
+        if (!EndsWith(it->path().filename().string(), suffix) || !it->is_regular_file(fileCode)) continue;
+        const auto modified = it->last_write_time(fileCode);
+        if (!found || modified > foundTime) {
+            found = it->path();
+            foundTime = modified;
+        }
+    }
+    return found;
+}
+
+std::optional<std::string> LastLineOf(const FileSnapshot& file) {
+    std::vector<std::string> lines = file.exists ? SplitLines(file.content) : std::vector<std::string>{};
+    if (lines.empty()) return std::nullopt;
+    return std::move(lines.back());
+}
+
+// Plug-in lines carry "" for the signature they do not have.
+bool IsNoSignature(const std::string& signature) { return signature.empty() || signature == "\"\""; }
+
+// "cmd_param" of a getDiagnostics payload, or null.
+Json::Value CommandParameters(const std::string& payload) {
+    Json::CharReaderBuilder builder;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value root;
+    std::string errors;
+    try {
+        if (!reader->parse(payload.data(), payload.data() + payload.size(), &root, &errors)) return Json::Value();
+    } catch (...) {
+        return Json::Value();
+    }
+    const Json::Value* level = &root;
+    for (const char* key : {"zep-message", "action", "cmd_param"}) {
+        if (!level->isObject()) return Json::Value();
+        level = &(*level)[key];
+    }
+    return level->isObject() ? *level : Json::Value();
+}
+
+// The request's targets as the module reads them; none when it has no list
+// (the module then scans "zep" only).
+std::optional<std::set<std::string>> RequestTargets(const std::string& payload) {
+    const Json::Value parameters = CommandParameters(payload);
+    if (!parameters.isObject() || !parameters["target"].isArray()) return std::nullopt;
+    std::set<std::string> targets;
+    for (const auto& target : parameters["target"]) {
+        if (!target.isString()) continue;
+        targets.insert(zep::text::ToUtf8(zep::text::Lower(zep::text::FromUtf8(target.asString()))));
+    }
+    return targets;
 }
 
 // A value that may span lines, continued in the value column.
@@ -156,7 +231,7 @@ std::string Continued(const std::string& text) {
 
 std::string ShortSignature(const std::string& signature) {
     constexpr std::size_t kShown = 16;
-    if (signature.empty()) return "none";
+    if (IsNoSignature(signature)) return "none";
     return signature.size() > kShown ? signature.substr(0, kShown) + "\u2026" : signature;
 }
 
@@ -198,20 +273,7 @@ std::optional<fs::path> ScanResultWrittenSince(const fs::path& deviceDir, const 
 
 std::optional<fs::path> FindScanZip(const fs::path& deviceDir, const std::string& scanId) {
     if (scanId.empty()) return std::nullopt;
-    const std::string suffix = "_" + scanId + ".zip";
-    std::optional<fs::path> found;
-    fs::file_time_type foundTime{};
-    std::error_code code;
-    for (fs::directory_iterator it(LatestFolder(deviceDir), code), end; !code && it != end; it.increment(code)) {
-        std::error_code fileCode;
-        if (!EndsWith(it->path().filename().string(), suffix) || !it->is_regular_file(fileCode)) continue;
-        const auto modified = it->last_write_time(fileCode);
-        if (!found || modified > foundTime) {
-            found = it->path();
-            foundTime = modified;
-        }
-    }
-    return found;
+    return NewestEndingWith(LatestFolder(deviceDir), "_" + scanId + ".zip");
 }
 
 ZipListing ReadZipListing(const fs::path& zipPath) {
@@ -364,6 +426,7 @@ OutboxUpload ReadOutboxFolder(const fs::path& folder) {
     upload.size = fs::file_size(folder / upload.file, code);
     if (code) upload.size = 0;
     upload.metadata = fs::is_regular_file(folder / (upload.file + ".metadata.json"), code);
+    if (upload.metadata) upload.pluginId = PluginOfUpload(folder / (upload.file + ".metadata.json"), upload.file);
     return upload;
 }
 
@@ -425,7 +488,7 @@ std::string FormatUploads(const fs::path& deviceDir, const RunActivity& activity
             text += Field("Upload", "an empty outbox folder") + Field("Outbox folder", upload.folder.string(), 2);
             continue;
         }
-        text += Field("Upload", UploadKind(upload.file) + ", " + upload.file + " (" + std::to_string(upload.size) +
+        text += Field("Upload", UploadKind(upload) + ", " + upload.file + " (" + std::to_string(upload.size) +
                                     " bytes, " + HumanSize(upload.size) + ")") +
                 Field("Outbox folder", upload.folder.string(), 2) +
                 Field("Metadata", upload.metadata ? upload.file + ".metadata.json" : std::string("none"), 2);
@@ -452,7 +515,7 @@ std::string FormatHistoryLine(const std::string& label, const std::optional<std:
     if (fields.empty()) return text + Field("Fields", "unreadable (not six comma-separated fields)", 2);
     return text + Field("Time", fields[0], 2) + Field("Trigger", fields[1], 2) +
            Field("Upload status", UploadStatusText(fields[2]), 2) + Field("Artifacts", fields[3], 2) +
-           Field("Failed tests", fields[4], 2) + Field("Signature", fields[5].empty() ? "none" : fields[5], 2);
+           Field("Failed tests", fields[4], 2) + Field("Signature", IsNoSignature(fields[5]) ? "none" : fields[5], 2);
 }
 
 std::string FormatEvents(const RunActivity& activity) {
@@ -508,6 +571,132 @@ std::string FormatHistoryTable(const std::vector<std::string>& lines) {
         text += '\n';
     }
     return text;
+}
+
+// ---- plug-ins ---------------------------------------------------------------------
+
+namespace {
+
+std::string YesNo(const Json::Value& object, const char* key) {
+    const Json::Value& value = object.isObject() ? object[key] : Json::Value::nullSingleton();
+    if (value.isBool()) return value.asBool() ? "yes" : "no";
+    return TextOf(object, key);
+}
+
+std::string ByteCount(const Json::Value& object, const char* key) {
+    const Json::Value& value = object.isObject() ? object[key] : Json::Value::nullSingleton();
+    if (!value.isUInt64()) return TextOf(object, key);
+    const auto bytes = static_cast<std::uintmax_t>(value.asUInt64());
+    return std::to_string(bytes) + " bytes (" + HumanSize(bytes) + ")";
+}
+
+std::string PluginResultLines(const fs::path& diagFolder) {
+    const fs::path resultFile = PluginScanResultPath(diagFolder);
+    const std::optional<Json::Value> result = ReadJson(resultFile);
+    if (!result) return Field("Result file", kNotProduced);
+    return Field("Result file", resultFile.string()) + FormatPluginScanResult(*result);
+}
+
+std::string PluginComponentLines(const fs::path& diagFolder) {
+    const std::optional<Json::Value> component = ReadJson(diagFolder / "component-result.json");
+    return component ? FormatComponent(*component) : Field("Component", kNotProduced);
+}
+
+std::string PluginZipLines(const fs::path& diagFolder, const std::string& pluginId) {
+    const std::optional<fs::path> zip = FindPluginZip(diagFolder, pluginId);
+    // No zip: none was made (a failed request), or it went once uploaded.
+    return zip ? FormatZipListing(ReadZipListing(*zip)) : Field("Zip", "none in latest/");
+}
+
+}  // namespace
+
+std::vector<std::string> PluginTargets(const std::string& payload) {
+    const std::optional<std::set<std::string>> targets = RequestTargets(payload);
+    std::vector<std::string> plugins;
+    if (!targets) return plugins;
+    for (const auto& target : *targets) {
+        if (target != "zep") plugins.push_back(target);
+    }
+    return plugins;
+}
+
+bool NamesAgent(const std::string& payload) {
+    const std::optional<std::set<std::string>> targets = RequestTargets(payload);
+    return !targets || targets->count("zep") != 0;
+}
+
+fs::path PluginHistoryPath(const fs::path& diagFolder) { return diagFolder / "scan-history.log"; }
+fs::path PluginScanResultPath(const fs::path& diagFolder) { return diagFolder / "latest" / "scan-result.json"; }
+
+std::optional<fs::path> FindPluginZip(const fs::path& diagFolder, const std::string& pluginId) {
+    if (pluginId.empty()) return std::nullopt;
+    return NewestEndingWith(diagFolder / "latest", "_" + pluginId + ".zip");
+}
+
+RunActivity TakePluginActivity(RunActivity& activity, const std::string& pluginId) {
+    RunActivity taken;
+    const auto isPlugin = [&](const OutboxUpload& upload) { return upload.pluginId == pluginId; };
+    std::copy_if(activity.uploads.begin(), activity.uploads.end(), std::back_inserter(taken.uploads), isPlugin);
+    activity.uploads.erase(std::remove_if(activity.uploads.begin(), activity.uploads.end(), isPlugin),
+                           activity.uploads.end());
+
+    // failed.log lines are time,file,code: the file tells.
+    const std::string zipEnd = "_" + pluginId + ".zip,";
+    const auto failedPlugin = [&](const std::string& line) {
+        const std::size_t last = line.rfind(',');
+        return last != std::string::npos && EndsWith(line.substr(0, last + 1), zipEnd);
+    };
+    std::copy_if(activity.failedUploads.begin(), activity.failedUploads.end(),
+                 std::back_inserter(taken.failedUploads), failedPlugin);
+    activity.failedUploads.erase(
+        std::remove_if(activity.failedUploads.begin(), activity.failedUploads.end(), failedPlugin),
+        activity.failedUploads.end());
+    return taken;
+}
+
+std::string FormatPluginScanResult(const Json::Value& scanResult) {
+    return Field("Trigger", TextOf(scanResult, "trigger"), 2) + Field("Scan id", TextOf(scanResult, "id"), 2) +
+           Field("Device id", TextOf(scanResult, "deviceId"), 2) +
+           Field("Completed at", TextOf(scanResult, "deviceTimeCompletedAt"), 2) +
+           Field("Failed tests", TextOf(scanResult, "failTestCount"), 2) +
+           Field("Problematic", YesNo(scanResult, "isProblematic"), 2) +
+           Field("Artifact size", ByteCount(scanResult, "artifactSize"), 2);
+}
+
+std::string FormatPluginInstance(const PluginInstance& instance, const std::string& pluginId) {
+    std::string text = Field("Instance", instance.elevation);
+    if (instance.folder.empty()) return text + Field("Folder", "none (the module resolved none, see its log)");
+    text += Field("Folder", instance.folder.string());
+    const FileSnapshot history = SnapshotFile(PluginHistoryPath(instance.folder));
+    // Every request the module makes ends with a history line, whatever the
+    // plug-in answered; without one, what is in the folder is older.
+    if (!WrittenSince(instance.history, history)) {
+        return text + Field("History line", "not written (the instance was not asked, see the module log)");
+    }
+    return text + PluginResultLines(instance.folder) + '\n' + PluginComponentLines(instance.folder) + '\n' +
+           PluginZipLines(instance.folder, pluginId) + '\n' +
+           FormatHistoryLine("History line", LastLineOf(history), "not written");
+}
+
+std::string FormatPluginTarget(const fs::path& deviceDir, const PluginTarget& target, const RunActivity& uploads) {
+    if (target.pluginId.empty()) {
+        return Field("Plug-in", target.target) +
+               Field("Instances", Continued("none asked: no plugins/" + target.target +
+                                            " with a valid plugin.json\nand a running instance on this device"));
+    }
+    std::string elevations;
+    for (const auto& instance : target.instances) elevations += (elevations.empty() ? "" : ", ") + instance.elevation;
+    std::string text = Field("Plug-in", target.target + " (" + target.pluginId + ")") + Field("Instances", elevations);
+    for (const auto& instance : target.instances) text += '\n' + FormatPluginInstance(instance, target.pluginId);
+    return text + '\n' + FormatUploads(deviceDir, uploads);
+}
+
+std::string FormatPluginHistoryChange(const fs::path& diagFolder, const FileSnapshot& before) {
+    const FileSnapshot now = SnapshotFile(PluginHistoryPath(diagFolder));
+    if (!WrittenSince(before, now)) return "";
+    return Field("Plug-in folder", diagFolder.string()) +
+           FormatHistoryLine("History before", LastLineOf(before), "none") +
+           FormatHistoryLine("History after", LastLineOf(now), "none");
 }
 
 }  // namespace zepdiag

@@ -90,6 +90,9 @@ struct OutboxUpload {
     std::string file;  // the uploaded file's name ("" when the folder holds none)
     std::uintmax_t size = 0;
     bool metadata = false;  // <file>.metadata.json lies beside it
+    // The plug-in whose zip it is: its metadata describes that one component
+    // and the file is named <device id>_<plug-in id>.zip. Empty otherwise.
+    std::string pluginId;
 };
 OutboxUpload ReadOutboxFolder(const std::filesystem::path& folder);
 
@@ -122,5 +125,50 @@ std::string FormatEvents(const RunActivity& activity);
 std::string FormatActivity(const std::filesystem::path& deviceDir, const RunActivity& activity);
 // The whole history as a table, newest last, or "no history yet".
 std::string FormatHistoryTable(const std::vector<std::string>& lines);
+
+// ---- plug-ins ---------------------------------------------------------------------
+
+// The targets of a getDiagnostics payload that the module hands to plug-ins:
+// every target but "zep", lower-cased and each once, in the module's order.
+// None when the payload names no target list.
+std::vector<std::string> PluginTargets(const std::string& payload);
+// Whether the payload asks for the agent's own scan ("zep", also by default).
+bool NamesAgent(const std::string& payload);
+
+// A plug-in diagnostics folder: scan-history.log, latest/scan-result.json and
+// latest/<device id>_<plug-in id>.zip.
+std::filesystem::path PluginHistoryPath(const std::filesystem::path& diagFolder);
+std::filesystem::path PluginScanResultPath(const std::filesystem::path& diagFolder);
+std::optional<std::filesystem::path> FindPluginZip(const std::filesystem::path& diagFolder,
+                                                   const std::string& pluginId);
+
+// One running instance of a plug-in a request names.
+struct PluginInstance {
+    std::string elevation;           // "elevated", "user", "none"
+    std::filesystem::path folder;    // empty when the module has no folder for it
+    FileSnapshot history;            // its scan-history.log before the run
+};
+
+// A plug-in target with the instances the module asks; no plug-in id when the
+// target names no plug-in with a running instance here.
+struct PluginTarget {
+    std::string target;
+    std::string pluginId;
+    std::vector<PluginInstance> instances;
+};
+
+// Moves the uploads (and failed uploads) of plug-in `pluginId` out of
+// `activity` into the result.
+RunActivity TakePluginActivity(RunActivity& activity, const std::string& pluginId);
+
+std::string FormatPluginScanResult(const Json::Value& scanResult);  // the facts, not the component
+// One instance: its folder, and when this run wrote its history, the result,
+// component, zip and history line.
+std::string FormatPluginInstance(const PluginInstance& instance, const std::string& pluginId);
+// A target: the plug-in, each instance, then the uploads of the run.
+std::string FormatPluginTarget(const std::filesystem::path& deviceDir, const PluginTarget& target,
+                               const RunActivity& uploads);
+// The history of a plug-in folder before and after a run, when it changed.
+std::string FormatPluginHistoryChange(const std::filesystem::path& diagFolder, const FileSnapshot& before);
 
 }  // namespace zepdiag

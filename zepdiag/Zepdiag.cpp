@@ -1,5 +1,6 @@
 #include "Zepdiag.h"
 
+#include <algorithm>
 #include <chrono>
 #include <exception>
 #include <filesystem>
@@ -8,12 +9,15 @@
 #include <optional>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "Cli.h"
 #include "DemoDevice.h"
 #include "DiagnosticScanner/DiagnosticsManager.h"
+#include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
 #include "Summary.h"
+#include "platform/Env.h"
 #include "platform/InProcessHub.h"
 #include "platform/Strings.h"
 #include "platform/ZEPNotificationData.h"
@@ -142,22 +146,92 @@ void Deliver(const Session& session, ZEPNotificationData notification) {
     session.manager->WaitForScanToFinish();
 }
 
+std::string ElevationName(zep::platform::ElevationType elevation) {
+    switch (elevation) {
+        case zep::platform::Elevated: return "elevated";
+        case zep::platform::User: return "user";
+        case zep::platform::None: break;
+    }
+    return "none";
+}
+
+fs::path FolderPath(const std::wstring& folder) { return fs::path(zep::text::EncodeFileName(folder)); }
+
+// The plug-ins a request names, with the folders of their running instances
+// as the module itself resolves them, and each folder's history before the run.
+std::vector<PluginTarget> ResolvePluginTargets(const std::string& payload) {
+    const auto env = zep::platform::CurrentEnv();
+    std::vector<PluginTarget> targets;
+    for (const auto& name : PluginTargets(payload)) {
+        PluginTarget target{name, "", {}};
+        std::wstring pluginId;
+        std::vector<zep::platform::ElevationType> elevations;
+        if (env->extensions->TryResolveGetDiagnosticsElevations(zep::text::FromUtf8(name), pluginId, elevations)) {
+            target.pluginId = zep::text::ToUtf8(pluginId);
+            for (const auto elevation : elevations) {
+                const std::wstring folder = PluginDiagnosticsProcessor::ResolvePluginDiagFolder(elevation, pluginId);
+                PluginInstance instance{ElevationName(elevation), folder.empty() ? fs::path() : FolderPath(folder), {}};
+                if (!instance.folder.empty()) instance.history = SnapshotFile(PluginHistoryPath(instance.folder));
+                target.instances.push_back(std::move(instance));
+            }
+        }
+        targets.push_back(std::move(target));
+    }
+    return targets;
+}
+
 int RunNotify(const Session& session, const std::string& payload, std::ostream& out) {
     const ResultSnapshot before = SnapshotScanResult(session.dir);
     const ActivitySnapshot activity = SnapshotActivity(session.dir);
+    const std::vector<PluginTarget> plugins = ResolvePluginTargets(payload);
     Deliver(session, ZEPNotificationData(kTopicGetDiagnostics, kStateNone, L"run", L"getDiagnostics",
                                          zep::text::FromUtf8(payload)));
     const auto result = ScanResultWrittenSince(session.dir, before);
     PrintScanSummary(out, session.dir, "Mqtt", result);
-    out << '\n' << FormatActivity(session.dir, ActivitySince(session.dir, activity));
-    if (!result) {
+
+    // The agent's uploads here, each plug-in's with its plug-in.
+    RunActivity done = ActivitySince(session.dir, activity);
+    std::vector<RunActivity> pluginUploads;
+    for (const auto& plugin : plugins) {
+        pluginUploads.push_back(plugin.pluginId.empty() ? RunActivity{} : TakePluginActivity(done, plugin.pluginId));
+    }
+    out << '\n' << FormatActivity(session.dir, done);
+    if (!result && !NamesAgent(payload)) {
+        out << "\nThe request does not name \"zep\": the agent's own scan did not run.\n";
+    } else if (!result) {
         // The module does not say whether it took the request; every scan it
         // runs for one rewrites the scan result, so an unchanged one means it
         // ran none (rate limit, or targets this device does not scan).
         out << "\nNo scan result was written for this notification: it was filtered out (rate limit) or its "
                "targets leave out every component scanned here. See the module log.\n";
     }
+    for (std::size_t i = 0; i < plugins.size(); ++i) {
+        out << '\n' << FormatPluginTarget(session.dir, plugins[i], pluginUploads[i]);
+    }
     return 0;
+}
+
+// Every plug-in diagnostics folder the module's deferred pass looks at: one
+// per plug-in below the agent's plug-in data and the logged-in user's.
+std::vector<fs::path> PluginDiagFolders() {
+    std::vector<fs::path> roots;
+    if (const auto appData = zep::platform::CurrentEnv()->system->AppDataRoot()) {
+        roots.push_back(FolderPath(*appData) / "plugin-data");
+    }
+    std::wstring localAppData;
+    if (PluginDiagnosticsProcessor::GetLoggedInUserLocalAppData(localAppData) && !localAppData.empty()) {
+        roots.push_back(FolderPath(localAppData) / "Quorin" / "Zep" / "plugin-data");
+    }
+    std::vector<fs::path> folders;
+    for (const auto& root : roots) {
+        std::error_code code;
+        for (fs::directory_iterator it(root, code), end; !code && it != end; it.increment(code)) {
+            std::error_code kind;
+            if (fs::is_directory(it->path() / "diagnostics", kind)) folders.push_back(it->path() / "diagnostics");
+        }
+    }
+    std::sort(folders.begin(), folders.end());
+    return folders;
 }
 
 // The module resumes a deferred upload on the hub's thread; Deliver waits for
@@ -166,14 +240,23 @@ int RunNotify(const Session& session, const std::string& payload, std::ostream& 
 int RunOnline(const Session& session, std::ostream& out) {
     const ActivitySnapshot activity = SnapshotActivity(session.dir);
     const std::optional<std::string> lastBefore = LastHistoryLine(session.dir);
+    std::vector<std::pair<fs::path, FileSnapshot>> pluginHistories;
+    for (const auto& folder : PluginDiagFolders()) {
+        pluginHistories.emplace_back(folder, SnapshotFile(PluginHistoryPath(folder)));
+    }
     Deliver(session, ZEPNotificationData(kTopicNetwork, kStateNone, L"", L"", L""));
     const RunActivity done = ActivitySince(session.dir, activity);
     out << "Device folder:     " << session.dir.string() << '\n'
         << "The online notification was delivered to the module.\n\n"
         << FormatUploads(session.dir, done) << '\n'
         << FormatHistoryLine("History before", lastBefore, "none")
-        << FormatHistoryLine("History after", LastHistoryLine(session.dir), "none") << '\n'
-        << FormatEvents(done) << "Module log:        " << ModuleLogPath(session.dir).string() << '\n';
+        << FormatHistoryLine("History after", LastHistoryLine(session.dir), "none") << '\n';
+    // The deferred pass rewrites the last line of each plug-in folder it uploaded.
+    for (const auto& [folder, before] : pluginHistories) {
+        const std::string change = FormatPluginHistoryChange(folder, before);
+        if (!change.empty()) out << change << '\n';
+    }
+    out << FormatEvents(done) << "Module log:        " << ModuleLogPath(session.dir).string() << '\n';
     return 0;
 }
 

@@ -53,6 +53,8 @@ public:
     // Request codes of StartDiagnosticsScan.
     static constexpr unsigned long kManualScanRequest = 211;
     static constexpr unsigned long kMqttScanRequest = 2;
+    // A plug-in's zip is made only with at least this much free disk (50 MiB).
+    static constexpr std::uint64_t kMinDiskSpaceForPluginZipBytes = 52428800;
 
     static DiagnosticsManager* GetInstance();
 
@@ -93,6 +95,8 @@ public:
     bool FetchVerifiedProvisionTokenFromBackUp(std::string& token) const;
     // 0 uploaded, 1 connected but not uploaded, 2 not connected.
     int GetFileUploadToCloudStatus() const;
+    // Whether the device is meant for an organisation.
+    bool IsCommercialIntent() const;
     // Stages the scan's files, the agent's context and logs, and packs them.
     void CreateZipFolder();
     // Packs `sourceDir` into `destinationDir`\`zipFileName` and deletes
@@ -124,6 +128,8 @@ public:
 
 private:
     friend class DiagnosticsManagerTestPeer;
+    // Plug-in results reuse the manager's result-file and history operations.
+    friend class PluginDiagnosticsProcessor;
 
     void OnNotification(ZEPNotificationData& data);
     // The scan name for this scan: the request id when it can name a folder,

@@ -46,6 +46,10 @@ int PowerShellCollection::CompressFolder(const std::wstring& sourceDir, const st
     return Run(CompressArchiveCommand(utility::GetSystemDirectoryW(), extendedSource, extendedZip));
 }
 
+int PowerShellCollection::CompressPluginFolder(const std::wstring& diagFolder, const std::wstring& zipPath) {
+    return Run(PluginZipCommand(utility::GetSystemDirectoryW(), diagFolder, zipPath));
+}
+
 std::wstring PowerShellCollection::PackageScriptName() { return L"install.ps1"; }
 
 int PowerShellCollection::RunPackageScript(const std::wstring& script, const std::wstring& outputFolder) {

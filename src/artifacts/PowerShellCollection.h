@@ -19,6 +19,7 @@ public:
     int ScrubLogs(const std::wstring& folder) override;
     int ExportRegistry(const std::wstring& key, const std::wstring& outputFile) override;
     int CompressFolder(const std::wstring& sourceDir, const std::wstring& zipPath) override;
+    int CompressPluginFolder(const std::wstring& diagFolder, const std::wstring& zipPath) override;
     std::wstring PackageScriptName() override;  // "install.ps1"
     int RunPackageScript(const std::wstring& script, const std::wstring& outputFolder) override;
 

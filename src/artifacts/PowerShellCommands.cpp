@@ -57,6 +57,22 @@ std::wstring CompressArchiveCommand(const std::wstring& systemDir, const std::ws
            EscapeSingleQuotes(extSourcePattern) + L"' -DestinationPath '" + EscapeSingleQuotes(extZip) + L"'\"";
 }
 
+std::wstring PluginZipCommand(const std::wstring& systemDir, const std::wstring& diagFolder,
+                              const std::wstring& zipPath) {
+    // The paths go between single quotes unescaped, as the agent's line has
+    // them: a folder whose name holds a quote breaks the script, and the zip
+    // then counts as failed. With nothing left to pack the script exits with
+    // 1 rather than leave Compress-Archive an empty list.
+    return PowerShellPrefix(systemDir) + L" -Command \"$root='" + diagFolder +
+           L"';$items=@();$items += Get-ChildItem -Path $root -Force | Where-Object { $_.Name -ne "
+           L"'scan-history.log' -and $_.Name -ne 'latest' };$scanResult='" +
+           diagFolder + L"\\latest\\scan-result.json" +
+           L"';if (Test-Path $scanResult) { $items += Get-Item $scanResult };$items = $items | Where-Object { "
+           L"$_.Name -ne 'plugin-upload-meta.json' -and $_.Extension -ne '.zip' };if ($items.Count -eq 0) { exit 1 "
+           L"};Compress-Archive -Path ($items | ForEach-Object { $_.FullName }) -DestinationPath '" +
+           zipPath + L"' -Force\"";
+}
+
 std::wstring PackageScriptCommand(const std::wstring& systemDir, const std::wstring& script,
                                   const std::wstring& outputFolder) {
     return PowerShellPrefix(systemDir) + L" /f \"" + script + L"\" -command \"get-diagnostics\" -outDir \"" +

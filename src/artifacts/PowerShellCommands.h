@@ -29,6 +29,11 @@ std::wstring RegistryExportCommand(const std::wstring& windowsDir, const std::ws
 std::wstring CompressArchiveCommand(const std::wstring& systemDir, const std::wstring& extSourcePattern,
                                     const std::wstring& extZip);
 
+// The plug-in zip: every top-level entry of `diagFolder` but the history and
+// "latest", plus latest's scan result, never the delete preference nor a zip.
+std::wstring PluginZipCommand(const std::wstring& systemDir, const std::wstring& diagFolder,
+                              const std::wstring& zipPath);
+
 // A package script run with "get-diagnostics" into `outputFolder`.
 std::wstring PackageScriptCommand(const std::wstring& systemDir, const std::wstring& script,
                                   const std::wstring& outputFolder);

@@ -36,6 +36,12 @@ public:
     // Packs everything below `sourceDir` into the new zip file `zipPath`, the
     // entries named relative to `sourceDir`. `zipPath` does not exist yet.
     virtual int CompressFolder(const std::wstring& sourceDir, const std::wstring& zipPath) = 0;
+    // Packs a plug-in's diagnostics folder into the new zip `zipPath`: every
+    // top-level entry of `diagFolder` except "scan-history.log" and "latest",
+    // plus latest\scan-result.json at the archive's top level; never a file
+    // named "plugin-upload-meta.json" nor one whose name ends in ".zip".
+    // Nothing to pack is a failure (0).
+    virtual int CompressPluginFolder(const std::wstring& diagFolder, const std::wstring& zipPath) = 0;
     // The file name of a package's diagnostics script in its temp folder.
     virtual std::wstring PackageScriptName() = 0;
     // Runs a package's diagnostics script with the command "get-diagnostics"

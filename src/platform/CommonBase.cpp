@@ -29,6 +29,12 @@ bool FileSystem::copyFile(const std::wstring& from, const std::wstring& to) {
 bool FileSystem::copyDir(const std::wstring& from, const std::wstring& to) {
     return CurrentEnv()->files->CopyDirectory(from, to);
 }
+bool FileSystem::GetDiskFreeSpaceEx(const std::wstring& path, std::uint64_t& freeBytes) {
+    const auto available = CurrentEnv()->files->FreeSpace(path);
+    if (!available) return false;
+    freeBytes = *available;
+    return true;
+}
 std::uint64_t FileSystem::fileSize(const std::wstring& path) { return CurrentEnv()->files->FileSize(path).value_or(0); }
 bool FileSystem::readFile(const std::wstring& path, std::string& contents) {
     return CurrentEnv()->files->ReadFile(path, contents);
@@ -218,6 +224,20 @@ std::wstring CGuid::NewGuid(int format) {
 // ---- Network, settings, subscription, agents ---------------------------------
 
 bool NetworkUtility::IsInternetConnected(DWORD& flags) { return CurrentEnv()->network->IsInternetConnected(flags); }
+
+unsigned int ApiUtility::GetRandomJitterInSeconds(unsigned int maxMilliseconds) {
+    unsigned int maxSeconds = maxMilliseconds / 1000;
+    const auto env = CurrentEnv();
+    const unsigned int cap = env->settings->MaxJitterSeconds();
+    if (cap != 0 && cap < maxSeconds) maxSeconds = cap;
+    std::uint64_t random = 0;
+    env->random->Fill(reinterpret_cast<std::uint8_t*>(&random), sizeof random);
+    return static_cast<unsigned int>(random % (static_cast<std::uint64_t>(maxSeconds) + 1));
+}
+
+void ApiUtility::SleepForSeconds(unsigned int seconds) {
+    CurrentEnv()->clock->SleepFor(std::chrono::seconds(seconds));
+}
 
 DeveloperSettings* DeveloperSettings::GetInstance() {
     static DeveloperSettings instance;

@@ -26,6 +26,8 @@ public:
     static bool deleteDirectoryOrFile(const std::wstring& path, bool recursive);
     static bool copyFile(const std::wstring& from, const std::wstring& to);
     static bool copyDir(const std::wstring& from, const std::wstring& to);
+    // Bytes free to the caller on the volume of `path`; false when unknown.
+    static bool GetDiskFreeSpaceEx(const std::wstring& path, std::uint64_t& freeBytes);
     // Size in bytes; 0 when the file cannot be read.
     static std::uint64_t fileSize(const std::wstring& path);
     static bool readFile(const std::wstring& path, std::string& contents);
@@ -149,6 +151,17 @@ public:
 class NetworkUtility {
 public:
     bool IsInternetConnected(DWORD& flags);
+};
+
+class ApiUtility {
+public:
+    // A random whole number of seconds from 0 up to `maxMilliseconds` / 1000
+    // (inclusive), bounded by the developer setting MaxJitterSeconds when it
+    // is set. The range is given in milliseconds, the answer in seconds: the
+    // retry of a refused upload waits up to five minutes for 300000.
+    static unsigned int GetRandomJitterInSeconds(unsigned int maxMilliseconds);
+    // Blocks the calling thread through the platform's clock.
+    static void SleepForSeconds(unsigned int seconds);
 };
 
 class DeveloperSettings {

@@ -33,7 +33,8 @@ public:
     virtual bool CopyDirectory(const std::wstring& from, const std::wstring& to) = 0;
     // Size in bytes of a regular file; nullopt when it cannot be read.
     virtual std::optional<std::uint64_t> FileSize(const std::wstring& path) = 0;
-    // Reads a whole file. False when it cannot be opened or read.
+    // Reads a whole regular file. False when it cannot be opened or read, and
+    // when `path` is a symbolic link or a special file.
     virtual bool ReadFile(const std::wstring& path, std::string& contents) = 0;
     // Writes `contents` to `path`, truncating it. False on failure; a failure
     // may leave the file partly written.

@@ -10,6 +10,9 @@ public:
     virtual bool EnableCustomSettings() = 0;
     // Skips the verification of provisioning tokens.
     virtual bool DisableJwtValidation() = 0;
+    // An upper bound on the random delay before retrying an upload, for
+    // demonstrations; 0 keeps the caller's range.
+    virtual unsigned int MaxJitterSeconds() { return 0; }
 };
 
 }  // namespace zep::platform

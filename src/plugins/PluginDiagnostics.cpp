@@ -1,4 +1,11 @@
 #include "DiagnosticScanner/DiagnosticsManager.h"
+#include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
+#include "platform/Env.h"
 
-// Plug-ins are not asked for their diagnostics yet.
-void DiagnosticsManager::GeneratePluginDiagnosticsForMqttTarget(const std::wstring&) {}
+void DiagnosticsManager::GeneratePluginDiagnosticsForMqttTarget(const std::wstring& target) {
+    PluginDiagnosticsProcessor::GeneratePluginDiagnosticsForMqttTarget(*this, target);
+}
+
+void DiagnosticsManager::ProcessDeferredPluginUploads() { PluginDiagnosticsProcessor::ProcessDeferredPluginUploads(*this); }
+
+bool DiagnosticsManager::IsCommercialIntent() const { return zep::platform::CurrentEnv()->device->HasCommercialIntent(); }

@@ -231,6 +231,3 @@ bool DiagnosticsManager::ParseScanHistoryLine(const std::wstring& line, ScanHist
     entry = std::move(parsed);
     return true;
 }
-
-// Plug-ins' deferred uploads are not collected yet.
-void DiagnosticsManager::ProcessDeferredPluginUploads() {}

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -193,6 +194,58 @@ public:
 private:
     mutable std::mutex mutex_;
     std::vector<Event> events_;
+};
+
+// The extension module. A target resolves to its scripted plug-in; each
+// elevation answers the get-diagnostics command as scripted in `answers`, or
+// with `otherwise` (delivered and successful). Every command is recorded, and
+// `onSend` runs for each one before it is answered, so that a test can write
+// the plug-in's files into the folder the command names.
+class ScriptedExtensions : public platform::ExtensionEnv {
+public:
+    struct Plugin {
+        std::wstring pluginId;
+        std::vector<platform::ElevationType> elevations;
+    };
+    struct Command {
+        std::wstring pluginId;
+        std::wstring diagFolder;
+        platform::ElevationType elevation = platform::None;
+    };
+
+    bool TryResolveGetDiagnosticsElevations(const std::wstring& target, std::wstring& pluginId,
+                                            std::vector<platform::ElevationType>& elevations) override {
+        const auto found = plugins.find(target);
+        if (found == plugins.end()) return false;
+        pluginId = found->second.pluginId;
+        elevations = found->second.elevations;
+        return true;
+    }
+    platform::DiagnosticsOperationResult SendDiagnosticCommandToTargets(const std::wstring& pluginId,
+                                                                        const std::wstring& diagFolder,
+                                                                        platform::ElevationType elevation) override {
+        const Command command{pluginId, diagFolder, elevation};
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            commands_.push_back(command);
+        }
+        if (onSend) onSend(command);
+        const auto answer = answers.find(elevation);
+        return answer == answers.end() ? otherwise : answer->second;
+    }
+    std::vector<Command> Commands() const {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return commands_;
+    }
+
+    std::map<std::wstring, Plugin> plugins;  // by target
+    std::map<platform::ElevationType, platform::DiagnosticsOperationResult> answers;
+    platform::DiagnosticsOperationResult otherwise{true, false, false, true};
+    std::function<void(const Command&)> onSend;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<Command> commands_;
 };
 
 // Well-known folders inside a test's own directory.

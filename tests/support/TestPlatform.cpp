@@ -39,6 +39,7 @@ TestPlatform::TestPlatform() : rootPath(MakeTempRoot()), root(path::FromFs(rootP
     env.policy = policy;
     env.storage = storage;
     env.events = events;
+    env.extensions = extensions;
     Reinstall();
     g_log.Open(log->OpenLog("ZEPDiagnostics.log", 4));
 }

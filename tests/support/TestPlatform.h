@@ -38,6 +38,7 @@ public:
     std::shared_ptr<ScriptedPolicy> policy = std::make_shared<ScriptedPolicy>();
     std::shared_ptr<ScriptedStorage> storage = std::make_shared<ScriptedStorage>();
     std::shared_ptr<RecordingEvents> events = std::make_shared<RecordingEvents>();
+    std::shared_ptr<ScriptedExtensions> extensions = std::make_shared<ScriptedExtensions>();
     std::shared_ptr<TestSystem> system;
     std::shared_ptr<platform::InProcessHub> hub = std::make_shared<platform::InProcessHub>();
     platform::Env env;

@@ -36,6 +36,14 @@ ls "$latest"/*_smoke-1.zip >/dev/null
 # The scan's temporary folder is gone once it is packed.
 test ! -e "$device/temp/Quorin/Zep/smoke-1"
 
+# A target that names a plug-in runs it: its own folder, zip, history line and upload.
+out="$("$zepdiag" notify --device "$device" \
+  --payload '{"zep-message":{"action":{"cmd_param":{"requestId":"Smoke-2","target":["demo-plugin"]}}}}')"
+grep -q "^Plug-in: *demo-plugin (com.quorin.demoplugin)$" <<<"$out"
+plugin="$device/programdata/plugin-data/com.quorin.demoplugin/diagnostics"
+grep -Eq '^[^,]+,Mqtt,0,' "$plugin/scan-history.log"
+ls "$plugin"/latest/*_com.quorin.demoplugin.zip "$device"/outbox/*/*_com.quorin.demoplugin.zip.metadata.json >/dev/null
+
 "$zepdiag" online --device "$device" >/dev/null
 "$zepdiag" history --device "$device" | grep -Eq "^[^ ]+ +Manual +0 uploaded "
 grep -q "Starting Zep Diagnostics" "$device/programdata/Log/ZEPDiagnostics.log"

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -24,6 +26,7 @@
 #include "platform/InProcessHub.h"
 #include "platform/Strings.h"
 #include "platform/posix/DeviceFolderEnv.h"
+#include "platform/posix/PosixProcess.h"
 
 namespace {
 
@@ -248,6 +251,35 @@ TEST_F(InitTest, PackageScriptWritesAComponentResult) {
     EXPECT_TRUE(WIFEXITED(refused) && WEXITSTATUS(refused) != 0);
 }
 
+// The demo plug-in through the device folder's extension module, and its
+// program answering as the module expects.
+TEST_F(InitTest, DemoPluginIsFoundAndAnswersGetDiagnostics) {
+    ASSERT_EQ(Zepdiag({"init", "--device", device.string()}).code, 0);
+    const auto env = zep::platform::MakeDeviceFolderEnv(zep::text::DecodeFileName(device.native()),
+                                                        std::make_shared<zep::platform::InProcessHub>());
+    std::wstring id;
+    std::vector<zep::platform::ElevationType> elevations;
+    ASSERT_TRUE(env.extensions->TryResolveGetDiagnosticsElevations(L"demo-plugin", id, elevations));
+    EXPECT_EQ(id, L"com.quorin.demoplugin");
+    EXPECT_THAT(elevations, ::testing::ElementsAre(zep::platform::Elevated));
+
+    const fs::path out = root / "plugin out";
+    zep::platform::ProcessSpec request;
+    request.argv = {zep::text::DecodeFileName((device / "plugins/demo-plugin/run.sh").native()), L"get-diagnostics",
+                    zep::text::DecodeFileName(out.native()), L"elevated"};
+    request.captureOutput = true;
+    const zep::platform::ProcessResult run = zep::platform::PosixProcess().Spawn(request);
+    ASSERT_EQ(run.exitCode, 0);
+    EXPECT_EQ(ParseJson(run.output), ParseJson(R"({"deleteFilesOnUpload": false})")) << run.output;
+    const std::string text = Read(out / "component-result.json");
+    EXPECT_THAT(text, HasSubstr("\n\t\"componentId\""));
+    EXPECT_EQ(ParseJson(text)["componentId"].asString(), "com.quorin.demoplugin");
+    EXPECT_THAT(Read(out / "Log/demo-plugin.log"), HasSubstr("elevated"));
+
+    request.argv[1] = L"install";
+    EXPECT_NE(zep::platform::PosixProcess().Spawn(request).exitCode, 0);
+}
+
 TEST_F(InitTest, ExistingFoldersAreNotOverwritten) {
     ASSERT_EQ(Zepdiag({"init", "--device", device.string()}).code, 0);
     std::ofstream(device / "device.json") << R"({"registered": false})";
@@ -463,6 +495,122 @@ TEST_F(UploadTest, HistoryListsTheScansNewestLast) {
     EXPECT_THAT(lines.back(), ::testing::ContainsRegex("  Scheduled +2 offline, upload deferred +1 +1 +" + signature));
 }
 
+// ---- plug-ins ---------------------------------------------------------------------
+
+const std::string kPluginPayload =
+    R"({"zep-message":{"action":{"cmd_param":{"requestId":"r1","target":["zep","demo-plugin"]}}}})";
+const std::string kPluginZip = "7C3E9A12-5B4D-4E8F-9A61-2D0B7F3C8E45_com.quorin.demoplugin.zip";
+
+class PluginTest : public UploadTest {
+protected:
+    // The module takes one request per rate-limit interval for the life of
+    // the process, so each of these tests runs in a process of its own: the
+    // "threadsafe" death-test style starts this binary afresh for it. The
+    // child's failures are handed back on its standard error.
+    template <typename Body>
+    void InOwnProcess(Body body) {
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+        EXPECT_EXIT(
+            {
+                body();
+                const ::testing::TestResult* result = ::testing::UnitTest::GetInstance()->current_test_info()->result();
+                for (int i = 0; i < result->total_part_count(); ++i) {
+                    const auto& part = result->GetTestPartResult(i);
+                    if (part.failed()) {
+                        std::fprintf(stderr, "%s:%d: %s\n", part.file_name() ? part.file_name() : "?",
+                                     part.line_number(), part.message());
+                    }
+                }
+                fs::remove_all(root);
+                std::fflush(nullptr);
+                std::_Exit(HasFailure() ? 1 : 0);
+            },
+            ::testing::ExitedWithCode(0), "");
+    }
+
+    fs::path Diagnostics() { return device / "programdata/plugin-data/com.quorin.demoplugin/diagnostics"; }
+    std::vector<std::string> PluginHistory() { return LinesOf(Read(Diagnostics() / "scan-history.log")); }
+
+    // The outbox folder holding `file`, or "" when none does.
+    fs::path OutboxHolding(const std::string& file) {
+        std::error_code code;
+        for (const auto& entry : fs::directory_iterator(device / "outbox", code)) {
+            if (fs::is_regular_file(entry.path() / file)) return entry.path();
+        }
+        return {};
+    }
+};
+
+TEST_F(PluginTest, NotifyRunsThePluginAndUploadsItsZip) {
+    InOwnProcess([&] {
+        const Outcome notify = Zepdiag({"notify", "--device", device.string(), "--payload", kPluginPayload});
+        ASSERT_EQ(notify.code, 0) << notify.err;
+        EXPECT_TRUE(fs::is_regular_file(Diagnostics() / "component-result.json"));
+        const Json::Value result = ParseJson(Read(Diagnostics() / "latest/scan-result.json"));
+        EXPECT_EQ(result["id"].asString(), "r1");
+        EXPECT_EQ(result["components"][0]["componentId"].asString(), "com.quorin.demoplugin");
+        const fs::path zip = Diagnostics() / "latest" / kPluginZip;
+        EXPECT_THAT(zepdiag::ReadZipListing(zip).entries,
+                    ::testing::IsSupersetOf({"component-result.json", "Log/demo-plugin.log", "scan-result.json"}));
+        const std::vector<std::string> history = PluginHistory();
+        ASSERT_EQ(history.size(), 1u);
+        EXPECT_EQ(StatusOf(history[0]), "0");
+
+        // An outbox folder of its own, beside the agent's.
+        const fs::path uploaded = OutboxHolding(kPluginZip);
+        ASSERT_FALSE(uploaded.empty()) << notify.out;
+        EXPECT_NE(uploaded, OutboxHolding("LD-4F2A9C_r1.zip"));
+        EXPECT_EQ(Read(uploaded / kPluginZip), Read(zip));
+        const Json::Value metadata = ParseJson(Read(uploaded / (kPluginZip + ".metadata.json")));
+        EXPECT_EQ(metadata["name"].asString(), kPluginZip);
+        EXPECT_EQ(metadata["context"]["id"].asString(), "r1");
+
+        // The agent's part reports its own upload only; the plug-in's follows.
+        EXPECT_THAT(SummaryValue(notify.out, "Upload"), ::testing::StartsWith("the scan's zip, LD-4F2A9C_r1.zip"));
+        const std::size_t plugin = notify.out.find("\nPlug-in:           demo-plugin (com.quorin.demoplugin)\n");
+        ASSERT_NE(plugin, std::string::npos) << notify.out;
+        const std::string section = notify.out.substr(plugin);
+        EXPECT_EQ(SummaryValue(section, "Folder"), Diagnostics().string());
+        const std::string block = ComponentBlock(section, "com.quorin.demoplugin");
+        EXPECT_EQ(Rows(block, "PASS"), 1) << block;
+        EXPECT_EQ(Rows(block, "FAIL"), 1) << block;
+        EXPECT_EQ(SummaryValue(section, "Zip"), zip.string());
+        EXPECT_EQ(SummaryValue(section, "History line"), history[0]);
+        EXPECT_EQ(IndentedValue(section, "Upload status"), "0 uploaded");
+        EXPECT_EQ(IndentedValue(section, "Outbox folder"), uploaded.string());
+    });
+}
+
+TEST_F(PluginTest, OfflinePluginZipWaitsForTheOnlineNotification) {
+    InOwnProcess([&] {
+        SetOnline(false);
+        const Outcome notify = Zepdiag({"notify", "--device", device.string(), "--payload", kPluginPayload});
+        ASSERT_EQ(notify.code, 0) << notify.err;
+        EXPECT_TRUE(fs::is_regular_file(Diagnostics() / "latest" / kPluginZip));
+        ASSERT_EQ(PluginHistory().size(), 1u);
+        EXPECT_EQ(StatusOf(PluginHistory()[0]), "2");
+        EXPECT_TRUE(OutboxHolding(kPluginZip).empty());
+
+        SetOnline(true);
+        const Outcome online = Zepdiag({"online", "--device", device.string()});
+        ASSERT_EQ(online.code, 0) << online.err;
+        const fs::path uploaded = OutboxHolding(kPluginZip);
+        ASSERT_FALSE(uploaded.empty()) << online.out;
+        EXPECT_EQ(Read(uploaded / kPluginZip), Read(Diagnostics() / "latest" / kPluginZip));
+        EXPECT_TRUE(fs::is_regular_file(uploaded / (kPluginZip + ".metadata.json")));
+        // The waiting line is rewritten, not a new one added.
+        ASSERT_EQ(PluginHistory().size(), 1u);
+        EXPECT_EQ(StatusOf(PluginHistory()[0]), "0");
+
+        EXPECT_THAT(online.out, HasSubstr("\nUpload:            the zip of plug-in com.quorin.demoplugin, "));
+        const std::size_t folder = online.out.find("\nPlug-in folder:    " + Diagnostics().string() + "\n");
+        ASSERT_NE(folder, std::string::npos) << online.out;
+        const std::string change = online.out.substr(folder);
+        EXPECT_EQ(IndentedValue(change, "Upload status", "History before:"), "2 offline, upload deferred");
+        EXPECT_EQ(IndentedValue(change, "Upload status", "History after:"), "0 uploaded");
+    });
+}
+
 // Only what a run added counts: new outbox folders in number order (past
 // 9999 too), appended lines, and a history line only when the file changed.
 TEST_F(ZepdiagTest, ActivityIsWhatTheRunAdded) {
@@ -657,6 +805,74 @@ TEST_F(SummaryFilesTest, OnlyARewrittenScanResultIsThisRuns) {
 
     fs::remove(file);
     EXPECT_FALSE(zepdiag::ScanResultWrittenSince(root, second));
+}
+
+// The module hands every target but "zep" to the plug-ins, lower-cased.
+TEST(PluginSummaryTest, PluginTargetsAreTheRequestsOtherTargets) {
+    const auto payload = [](const std::string& targets) {
+        return R"({"zep-message":{"action":{"cmd_param":{"target":)" + targets + "}}}}";
+    };
+    const std::string mixed = payload(R"(["ZEP", "Demo-Plugin", "demo-plugin", 7, "com.x"])");
+    EXPECT_THAT(zepdiag::PluginTargets(mixed), ::testing::ElementsAre("com.x", "demo-plugin"));
+    EXPECT_TRUE(zepdiag::NamesAgent(mixed));
+    EXPECT_FALSE(zepdiag::NamesAgent(payload(R"(["demo-plugin"])")));
+    // Without a target list the agent scans itself and asks no plug-in.
+    for (const std::string& defaulted : {std::string("not json"), payload(R"("demo-plugin")")}) {
+        EXPECT_TRUE(zepdiag::PluginTargets(defaulted).empty()) << defaulted;
+        EXPECT_TRUE(zepdiag::NamesAgent(defaulted)) << defaulted;
+    }
+}
+
+using PluginSummaryFilesTest = ZepdiagTest;
+
+// An upload is a plug-in's when its metadata describes that one component
+// and the file carries its id; the agent's uploads stay with the agent.
+TEST_F(PluginSummaryFilesTest, PluginUploadsAreToldApartFromTheAgents) {
+    const auto upload = [&](const std::string& folder, const std::string& file, const std::string& components) {
+        fs::create_directories(root / "outbox" / folder);
+        std::ofstream(root / "outbox" / folder / file) << "zip";
+        std::ofstream(root / "outbox" / folder / (file + ".metadata.json"))
+            << R"({"context": {"components": )" + components + "}}";
+    };
+    const zepdiag::ActivitySnapshot before = zepdiag::SnapshotActivity(root);
+    upload("0001", "LD-1_r1.zip", R"([{"componentId": "ZEP"}, {"componentId": "com.p"}])");
+    upload("0002", "D-1_com.p.zip", R"([{"componentId": "com.p"}])");
+    upload("0003", "D-1_com.q.zip", R"([{"componentId": "com.p"}])");
+    std::ofstream(root / "outbox/failed.log") << "t,D-1_com.p.zip,429\nt,LD-1_r2.zip,500\n";
+
+    zepdiag::RunActivity agent = zepdiag::ActivitySince(root, before);
+    const zepdiag::RunActivity plugin = zepdiag::TakePluginActivity(agent, "com.p");
+    ASSERT_EQ(plugin.uploads.size(), 1u);
+    EXPECT_EQ(plugin.uploads[0].file, "D-1_com.p.zip");
+    EXPECT_THAT(plugin.failedUploads, ::testing::ElementsAre("t,D-1_com.p.zip,429"));
+    ASSERT_EQ(agent.uploads.size(), 2u);
+    EXPECT_EQ(agent.uploads[1].file, "D-1_com.q.zip");
+    EXPECT_THAT(agent.failedUploads, ::testing::ElementsAre("t,LD-1_r2.zip,500"));
+    EXPECT_THAT(zepdiag::FormatUploads(root, plugin), HasSubstr("Upload:            the zip of plug-in com.p, "));
+}
+
+// What lies in a plug-in folder from an earlier request is not this run's:
+// only a history line written during the run makes the rest worth showing.
+TEST_F(PluginSummaryFilesTest, InstanceShowsItsFilesOnlyWhenThisRunWroteItsHistory) {
+    const fs::path folder = root / "diagnostics";
+    fs::create_directories(folder / "latest");
+    std::ofstream(folder / "latest/scan-result.json") << R"({"id": "old", "isProblematic": false})";
+    WriteZip(folder / "latest/D-1_com.p.zip", {"component-result.json"});
+    std::ofstream(zepdiag::PluginHistoryPath(folder)) << "t0,Mqtt,0,0,0,\"\"\n";
+    const zepdiag::PluginInstance instance{"elevated", folder,
+                                           zepdiag::SnapshotFile(zepdiag::PluginHistoryPath(folder))};
+
+    std::string text = zepdiag::FormatPluginInstance(instance, "com.p");
+    EXPECT_THAT(text, HasSubstr("History line:      not written"));
+    EXPECT_THAT(text, Not(HasSubstr("Scan id")));
+
+    std::ofstream(zepdiag::PluginHistoryPath(folder), std::ios::app) << "t1,Mqtt,2,0,0,\"\"\n";
+    text = zepdiag::FormatPluginInstance(instance, "com.p");
+    for (const std::string& line : {std::string("  Scan id:         old"), std::string("  Problematic:     no"),
+                                    "Zip:               " + (folder / "latest/D-1_com.p.zip").string(),
+                                    std::string("  Signature:       none")}) {
+        EXPECT_TRUE(HasLine(text, line)) << line << "\n" << text;
+    }
 }
 
 // ---- the command line ---------------------------------------------------------------

@@ -4,14 +4,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <system_error>
+#include <vector>
 
 #include <json/json.h>
 
@@ -19,6 +23,7 @@
 #include "platform/MemoryRegistry.h"
 #include "platform/Paths.h"
 #include "platform/Strings.h"
+#include "platform/posix/FolderExtensions.h"
 #include "platform/posix/PosixClock.h"
 #include "platform/posix/PosixFileSystem.h"
 #include "platform/posix/NativeCollection.h"
@@ -135,6 +140,9 @@ struct DeviceState {
         int mqttState = 0;
     } notification;
     bool enableCustomSettings = false, disableJwtValidation = false;
+    unsigned int maxJitterSeconds = 0;
+    int pluginTimeoutSeconds = 0;                // 0: the extension module's own
+    std::optional<std::uint64_t> freeDiskBytes;  // stands in for the volume's free space
 };
 
 // Keys of the wrong type are treated like absent ones: a hand-edited file
@@ -154,6 +162,11 @@ bool BoolOf(const Json::Value& object, const char* key, bool fallback) {
 int IntOf(const Json::Value& object, const char* key, int fallback) {
     const Json::Value& value = Member(object, key);
     return value.isInt() ? value.asInt() : fallback;
+}
+std::optional<std::uint64_t> UInt64Of(const Json::Value& object, const char* key) {
+    const Json::Value& value = Member(object, key);
+    if (!value.isUInt64()) return std::nullopt;
+    return static_cast<std::uint64_t>(value.asUInt64());
 }
 
 std::shared_ptr<DeviceState> ParseDeviceJson(const std::string* bytes) {
@@ -198,6 +211,11 @@ std::shared_ptr<DeviceState> ParseDeviceJson(const std::string* bytes) {
     const Json::Value& settings = Member(root, "developerSettings");
     state->enableCustomSettings = BoolOf(settings, "enableCustomSettings", false);
     state->disableJwtValidation = BoolOf(settings, "disableJwtValidation", false);
+    const Json::Value& jitter = Member(settings, "maxJitterSeconds");
+    state->maxJitterSeconds = jitter.isUInt() ? jitter.asUInt() : 0;
+
+    state->pluginTimeoutSeconds = IntOf(root, "pluginTimeoutSeconds", 0);
+    state->freeDiskBytes = UInt64Of(root, "freeDiskBytes");
     return state;
 }
 
@@ -236,6 +254,7 @@ public:
     explicit FolderSettings(std::shared_ptr<DeviceFile> file) : file_(std::move(file)) {}
     bool EnableCustomSettings() override { return file_->Get()->enableCustomSettings; }
     bool DisableJwtValidation() override { return file_->Get()->disableJwtValidation; }
+    unsigned int MaxJitterSeconds() override { return file_->Get()->maxJitterSeconds; }
 
 private:
     std::shared_ptr<DeviceFile> file_;
@@ -283,6 +302,20 @@ private:
 
 // ---- folders ----------------------------------------------------------------
 
+// The system's files, except that device.json may claim a free disk space, so
+// that a script can play a full disk without filling one.
+class FolderFileSystem : public PosixFileSystem {
+public:
+    explicit FolderFileSystem(std::shared_ptr<DeviceFile> file) : file_(std::move(file)) {}
+    std::optional<std::uint64_t> FreeSpace(const std::wstring& path) override {
+        if (const auto claimed = file_->Get()->freeDiskBytes) return claimed;
+        return PosixFileSystem::FreeSpace(path);
+    }
+
+private:
+    std::shared_ptr<DeviceFile> file_;
+};
+
 class FolderSystem : public SystemEnv {
 public:
     FolderSystem(const fs::path& dir, std::shared_ptr<DeviceFile> file)
@@ -310,28 +343,93 @@ private:
 
 // ---- registry.reg -----------------------------------------------------------
 
+// The logged-in user's folders live in DIR/users/<user>/, so the registry
+// knows where that user's Local AppData is unless registry.reg says otherwise.
+constexpr std::wstring_view kShellFoldersKey = L"Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\Shell Folders";
+constexpr std::wstring_view kLocalAppDataValue = L"Local AppData";
+
+// A key path as its names: backslashes at either end or doubled do not count.
+std::vector<std::wstring> KeyNames(std::wstring_view key) {
+    std::vector<std::wstring> names;
+    std::size_t start = 0;
+    while (start <= key.size()) {
+        std::size_t end = key.find(L'\\', start);
+        if (end == std::wstring_view::npos) end = key.size();
+        if (end > start) names.emplace_back(key.substr(start, end - start));
+        start = end + 1;
+    }
+    return names;
+}
+
+// True when `key` is `full` or one of its ancestors, letter case aside.
+bool IsKeyOrAncestor(const std::wstring& key, const std::vector<std::wstring>& full) {
+    const std::vector<std::wstring> names = KeyNames(key);
+    if (names.empty() || names.size() > full.size()) return false;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        if (!text::EqualsIgnoreCase(names[i], full[i])) return false;
+    }
+    return true;
+}
+
+// A user name that can only name one folder below users/.
+bool IsSafeUserName(const std::wstring& user) {
+    if (user.empty() || user == L"." || user == L"..") return false;
+    return std::none_of(user.begin(), user.end(),
+                        [](wchar_t c) { return c == L'/' || c == L'\\' || c < L' ' || c == L'\x7f'; });
+}
+
 class FolderRegistry : public RegistryEnv {
 public:
-    explicit FolderRegistry(fs::path file)
-        : file_(std::move(file), [](const std::string* bytes) {
-              auto registry = std::make_shared<MemoryRegistry>();
-              if (bytes != nullptr) LoadRegText(*registry, DecodeRegFile(*bytes));
-              return registry;
-          }) {}
+    FolderRegistry(fs::path file, fs::path usersDir, std::shared_ptr<DeviceFile> device)
+        : file_(std::move(file),
+                [](const std::string* bytes) {
+                    auto registry = std::make_shared<MemoryRegistry>();
+                    if (bytes != nullptr) LoadRegText(*registry, DecodeRegFile(*bytes));
+                    return registry;
+                }),
+          usersDir_(std::move(usersDir)),
+          device_(std::move(device)) {}
 
-    bool KeyExists(Hive hive, const std::wstring& key) override { return file_.Get()->KeyExists(hive, key); }
+    bool KeyExists(Hive hive, const std::wstring& key) override {
+        if (file_.Get()->KeyExists(hive, key)) return true;
+        const std::optional<std::vector<std::wstring>> shellFolders = ShellFoldersKey(hive);
+        return shellFolders && IsKeyOrAncestor(key, *shellFolders);
+    }
     bool GetDword(Hive hive, const std::wstring& key, const std::wstring& name, DWORD& value) override {
         return file_.Get()->GetDword(hive, key, name, value);
     }
     bool GetString(Hive hive, const std::wstring& key, const std::wstring& name, std::wstring& value) override {
-        return file_.Get()->GetString(hive, key, name, value);
+        const std::shared_ptr<MemoryRegistry> registry = file_.Get();
+        if (registry->GetString(hive, key, name, value)) return true;
+        if (!text::EqualsIgnoreCase(name, kLocalAppDataValue)) return false;
+        const std::optional<std::vector<std::wstring>> shellFolders = ShellFoldersKey(hive);
+        if (!shellFolders || KeyNames(key).size() != shellFolders->size() || !IsKeyOrAncestor(key, *shellFolders)) {
+            return false;
+        }
+        // A value of another type is set all the same: a string read fails.
+        DWORD other = 0;
+        if (registry->GetDword(hive, key, name, other)) return false;
+        value = path::FromFs(usersDir_ / path::ToFs((*shellFolders)[0]) / "AppData" / "Local");
+        return true;
     }
     std::vector<RegistryKeyData> Snapshot(Hive hive, const std::wstring& key) override {
         return file_.Get()->Snapshot(hive, key);
     }
 
 private:
+    // <user>\Software\...\Shell Folders of the logged-in user, when there is one.
+    std::optional<std::vector<std::wstring>> ShellFoldersKey(Hive hive) const {
+        if (hive != Hive::Users) return std::nullopt;
+        const std::wstring user = device_->Get()->loggedInUser;
+        if (!IsSafeUserName(user)) return std::nullopt;
+        std::vector<std::wstring> names = KeyNames(kShellFoldersKey);
+        names.insert(names.begin(), user);
+        return names;
+    }
+
     WatchedFile<MemoryRegistry> file_;
+    const fs::path usersDir_;
+    const std::shared_ptr<DeviceFile> device_;
 };
 
 // ---- logs -------------------------------------------------------------------
@@ -691,9 +789,9 @@ Env MakeDeviceFolderEnv(const std::wstring& deviceDir, std::shared_ptr<HubEnv> h
     auto deviceFile = std::make_shared<DeviceFile>(dir / "device.json", ParseDeviceJson);
 
     Env env;
-    env.files = std::make_shared<PosixFileSystem>();
+    env.files = std::make_shared<FolderFileSystem>(deviceFile);
     env.system = std::make_shared<FolderSystem>(dir, deviceFile);
-    env.registry = std::make_shared<FolderRegistry>(dir / "registry.reg");
+    env.registry = std::make_shared<FolderRegistry>(dir / "registry.reg", dir / "users", deviceFile);
     env.processes = std::make_shared<PosixProcess>(std::chrono::milliseconds(0));
     env.clock = std::make_shared<PosixClock>();
     env.random = std::make_shared<PosixRandom>();
@@ -707,6 +805,9 @@ Env MakeDeviceFolderEnv(const std::wstring& deviceDir, std::shared_ptr<HubEnv> h
     env.storage = std::make_shared<FolderStorage>(dir, env.clock);
     env.events = std::make_shared<FolderEvents>(dir / "events.log", env.clock);
     env.collection = std::make_shared<NativeCollection>();
+    env.extensions = MakeFolderExtensions(dir / "plugins", [deviceFile] {
+        return std::chrono::seconds(deviceFile->Get()->pluginTimeoutSeconds);
+    });
     return env;
 }
 

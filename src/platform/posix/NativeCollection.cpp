@@ -14,6 +14,8 @@
 #include <cstdio>
 #include <exception>
 #include <filesystem>
+#include <functional>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <string>
@@ -40,6 +42,7 @@ constexpr const wchar_t* kLimitLogSize = L"NativeCollection::LimitLogSize";
 constexpr const wchar_t* kScrubLogs = L"NativeCollection::ScrubLogs";
 constexpr const wchar_t* kExportRegistry = L"NativeCollection::ExportRegistry";
 constexpr const wchar_t* kCompressFolder = L"NativeCollection::CompressFolder";
+constexpr const wchar_t* kCompressPluginFolder = L"NativeCollection::CompressPluginFolder";
 constexpr const wchar_t* kRunPackageScript = L"NativeCollection::RunPackageScript";
 
 // Opening never waits for the other end of a FIFO that took a file's place
@@ -106,6 +109,7 @@ Fd OpenRoot(const std::wstring& folder, int& error) {
 
 struct Entry {
     std::string rel;  // '/'-separated, relative to the walked folder
+    std::string archiveName;  // its name inside an archive when that is not `rel`
     std::uint64_t size = 0;
     timespec mtime{};
     mode_t mode = 0;
@@ -121,11 +125,13 @@ bool Newer(const timespec& a, const timespec& b) {
 }
 
 // Lists the folders and regular files below `root` (recursive) or directly in
-// it. Links, FIFOs, sockets and devices are left out; a folder that cannot be
-// read is logged and left out with everything below it.
-Listing List(int root, bool recursive, const std::wstring& rootText, const wchar_t* label) {
+// it; with `start`, below or directly in that folder of `root` instead. Links,
+// FIFOs, sockets and devices are left out; a folder that cannot be read is
+// logged and left out with everything below it.
+Listing List(int root, bool recursive, const std::wstring& rootText, const wchar_t* label,
+             const std::string& start = std::string()) {
     Listing listing;
-    std::vector<std::string> pending{std::string()};
+    std::vector<std::string> pending{start};
     while (!pending.empty()) {
         const std::string folder = std::move(pending.back());
         pending.pop_back();
@@ -172,6 +178,19 @@ Listing List(int root, bool recursive, const std::wstring& rootText, const wchar
     std::sort(listing.dirs.begin(), listing.dirs.end(), byPath);
     std::sort(listing.files.begin(), listing.files.end(), byPath);
     return listing;
+}
+
+// ASCII letters only, as the names compared with are ASCII.
+bool EqualsIgnoreCase(std::string_view a, std::string_view b) {
+    if (a.size() != b.size()) return false;
+    for (std::size_t i = 0; i < a.size(); ++i) {
+        char x = a[i];
+        char y = b[i];
+        if (x >= 'A' && x <= 'Z') x = static_cast<char>(x - 'A' + 'a');
+        if (y >= 'A' && y <= 'Z') y = static_cast<char>(y - 'A' + 'a');
+        if (x != y) return false;
+    }
+    return true;
 }
 
 bool IsArchiveName(const std::string& rel) {
@@ -450,27 +469,31 @@ std::string ZipErrorText(zip_t* archive) {
 
 enum class ArchiveOutcome { Written, Retry, Failed };
 
+const std::string& ArchiveName(const Entry& entry) {
+    return entry.archiveName.empty() ? entry.rel : entry.archiveName;
+}
+
 // Writes `listing` into the new archive `temporary`. Retry: some files could
 // not be read as listed (they are marked in `unreadable`).
 ArchiveOutcome WriteArchive(int root, const Listing& listing, const std::string& temporary,
-                            std::set<std::string>& unreadable) {
+                            std::set<std::string>& unreadable, const wchar_t* label) {
     int openError = 0;
     zip_t* archive = zip_open(temporary.c_str(), ZIP_CREATE | ZIP_EXCL, &openError);
     if (archive == nullptr) {
         zip_error_t error;
         zip_error_init_with_code(&error, openError);
-        g_log.e(L"%s: cannot create %s: %s", kCompressFolder, temporary, std::string(zip_error_strerror(&error)));
+        g_log.e(L"%s: cannot create %s: %s", label, temporary, std::string(zip_error_strerror(&error)));
         zip_error_fini(&error);
         return ArchiveOutcome::Failed;
     }
     std::vector<std::unique_ptr<ArchiveFile>> files;
     const auto abandon = [&](const std::string& what) {
-        g_log.e(L"%s: %s: %s", kCompressFolder, what, ZipErrorText(archive));
+        g_log.e(L"%s: %s: %s", label, what, ZipErrorText(archive));
         zip_discard(archive);
         return ArchiveOutcome::Failed;
     };
     for (const auto& dir : listing.dirs) {
-        const zip_int64_t index = zip_dir_add(archive, dir.rel.c_str(), ZIP_FL_ENC_GUESS);
+        const zip_int64_t index = zip_dir_add(archive, ArchiveName(dir).c_str(), ZIP_FL_ENC_GUESS);
         if (index < 0) return abandon("cannot add " + dir.rel);
         zip_file_set_mtime(archive, static_cast<zip_uint64_t>(index), dir.mtime.tv_sec, 0);
     }
@@ -478,7 +501,7 @@ ArchiveOutcome WriteArchive(int root, const Listing& listing, const std::string&
         files.push_back(std::make_unique<ArchiveFile>(root, entry));
         zip_source_t* source = zip_source_function(archive, &ArchiveFileCallback, files.back().get());
         if (source == nullptr) return abandon("cannot add " + entry.rel);
-        const zip_int64_t index = zip_file_add(archive, entry.rel.c_str(), source, ZIP_FL_ENC_GUESS);
+        const zip_int64_t index = zip_file_add(archive, ArchiveName(entry).c_str(), source, ZIP_FL_ENC_GUESS);
         if (index < 0) {
             zip_source_free(source);
             return abandon("cannot add " + entry.rel);
@@ -496,15 +519,15 @@ ArchiveOutcome WriteArchive(int root, const Listing& listing, const std::string&
     bool retry = false;
     for (const auto& file : files) {
         if (file->unreadable) {
-            g_log.d(L"%s: leaving out %s: %s", kCompressFolder, file->entry.rel, reason);
+            g_log.d(L"%s: leaving out %s: %s", label, file->entry.rel, reason);
             unreadable.insert(file->entry.rel);
             retry = true;
         } else if (file->changed) {
-            g_log.d(L"%s: %s changed while packed; packing again", kCompressFolder, file->entry.rel);
+            g_log.d(L"%s: %s changed while packed; packing again", label, file->entry.rel);
             retry = true;
         }
     }
-    if (!retry) g_log.e(L"%s: cannot write %s: %s", kCompressFolder, temporary, reason);
+    if (!retry) g_log.e(L"%s: cannot write %s: %s", label, temporary, reason);
     return retry ? ArchiveOutcome::Retry : ArchiveOutcome::Failed;
 }
 
@@ -520,6 +543,98 @@ bool Publish(const std::string& temporary, const std::string& target, int& error
     }
     ::unlink(temporary.c_str());
     return true;
+}
+
+// Packs what `list` returns into `zipPath`, listing again when files changed
+// or could not be read while they were packed (the unreadable ones are left
+// out then). `replace`: an existing `zipPath` is replaced, as -Force does.
+int Pack(int root, const std::wstring& sourceDir, const std::wstring& zipPath, bool replace, const wchar_t* label,
+         const std::function<Listing()>& list) {
+    const std::string target = path::ToFs(zipPath).native();
+    std::set<std::string> unreadable;
+    constexpr int kAttempts = 3;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        Listing listing = list();
+        auto& files = listing.files;
+        files.erase(std::remove_if(files.begin(), files.end(),
+                                   [&](const Entry& e) { return unreadable.count(e.rel) != 0; }),
+                    files.end());
+        if (listing.dirs.empty() && files.empty()) {
+            // Compress-Archive refuses an empty folder too.
+            g_log.e(L"%s: nothing to pack in %s", label, sourceDir);
+            return 0;
+        }
+        // Written under another name: a half-written archive never carries the final one.
+        const std::string temporary = target + "." + UniqueSuffix() + ".part";
+        const ArchiveOutcome outcome = WriteArchive(root, listing, temporary, unreadable, label);
+        if (outcome == ArchiveOutcome::Failed) {
+            ::unlink(temporary.c_str());
+            return 0;
+        }
+        if (outcome == ArchiveOutcome::Retry) {
+            ::unlink(temporary.c_str());
+            continue;
+        }
+        int error = 0;
+        const bool published = replace ? ::rename(temporary.c_str(), target.c_str()) == 0
+                                       : Publish(temporary, target, error);
+        if (!published) {
+            if (replace) error = errno;
+            g_log.e(L"%s: cannot name the archive %s: %s", label, zipPath, ErrorText(error));
+            ::unlink(temporary.c_str());
+            return 0;
+        }
+        return 1;
+    }
+    g_log.e(L"%s: %s kept changing while packed", label, sourceDir);
+    return 0;
+}
+
+// What a plug-in's zip holds: the top-level entries of its folder but the
+// history, "latest", the delete preference and archives (names compared
+// without regard to case, as on Windows), each folder with its whole tree,
+// and latest/scan-result.json as "scan-result.json". That scan result is the
+// agent's own, so it wins over a top-level file of the same name.
+Listing PluginListing(int root, const std::wstring& rootText) {
+    const auto packed = [](const std::string& name) {
+        return !EqualsIgnoreCase(name, "scan-history.log") && !EqualsIgnoreCase(name, "latest") &&
+               !EqualsIgnoreCase(name, "plugin-upload-meta.json") && !IsArchiveName(name);
+    };
+    Listing top = List(root, false, rootText, kCompressPluginFolder);
+    Listing listing;
+    for (auto& dir : top.dirs) {
+        if (!packed(dir.rel)) continue;
+        Listing below = List(root, true, rootText, kCompressPluginFolder, dir.rel);
+        listing.dirs.push_back(std::move(dir));
+        std::move(below.dirs.begin(), below.dirs.end(), std::back_inserter(listing.dirs));
+        std::move(below.files.begin(), below.files.end(), std::back_inserter(listing.files));
+    }
+    for (auto& file : top.files) {
+        if (packed(file.rel)) listing.files.push_back(std::move(file));
+    }
+
+    int error = 0;
+    const Fd latest = OpenBeneath(root, "latest", kDirFlags, error);
+    struct stat st {};
+    if (latest.Valid() && ::fstatat(latest.Get(), "scan-result.json", &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+        S_ISREG(st.st_mode)) {
+        Entry scanResult;
+        scanResult.rel = "latest/scan-result.json";
+        scanResult.archiveName = "scan-result.json";
+        scanResult.size = static_cast<std::uint64_t>(st.st_size);
+        scanResult.mtime = st.st_mtim;
+        scanResult.mode = st.st_mode;
+        auto& files = listing.files;
+        files.erase(std::remove_if(files.begin(), files.end(),
+                                   [&](const Entry& e) { return ArchiveName(e) == scanResult.archiveName; }),
+                    files.end());
+        files.push_back(std::move(scanResult));
+    }
+    // Parents before children, as zip_dir_add needs them.
+    const auto byName = [](const Entry& a, const Entry& b) { return ArchiveName(a) < ArchiveName(b); };
+    std::sort(listing.dirs.begin(), listing.dirs.end(), byName);
+    std::sort(listing.files.begin(), listing.files.end(), byName);
+    return listing;
 }
 
 template <typename Body>
@@ -659,45 +774,26 @@ int NativeCollection::CompressFolder(const std::wstring& sourceDir, const std::w
             g_log.e(L"%s: cannot open %s: %s", kCompressFolder, sourceDir, ErrorText(error));
             return 0;
         }
-        const std::string target = path::ToFs(zipPath).native();
         struct stat existing {};
-        if (::lstat(target.c_str(), &existing) == 0) {
+        if (::lstat(path::ToFs(zipPath).c_str(), &existing) == 0) {
             g_log.e(L"%s: %s exists already", kCompressFolder, zipPath);
             return 0;
         }
-        std::set<std::string> unreadable;
-        constexpr int kAttempts = 3;
-        for (int attempt = 0; attempt < kAttempts; ++attempt) {
-            Listing listing = List(root.Get(), true, sourceDir, kCompressFolder);
-            auto& files = listing.files;
-            files.erase(std::remove_if(files.begin(), files.end(),
-                                       [&](const Entry& e) { return unreadable.count(e.rel) != 0; }),
-                        files.end());
-            if (listing.dirs.empty() && files.empty()) {
-                // Compress-Archive refuses an empty folder too.
-                g_log.e(L"%s: nothing to pack in %s", kCompressFolder, sourceDir);
-                return 0;
-            }
-            // Written under another name: a half-written archive never carries the final one.
-            const std::string temporary = target + "." + UniqueSuffix() + ".part";
-            const ArchiveOutcome outcome = WriteArchive(root.Get(), listing, temporary, unreadable);
-            if (outcome == ArchiveOutcome::Failed) {
-                ::unlink(temporary.c_str());
-                return 0;
-            }
-            if (outcome == ArchiveOutcome::Retry) {
-                ::unlink(temporary.c_str());
-                continue;
-            }
-            if (!Publish(temporary, target, error)) {
-                g_log.e(L"%s: cannot name the archive %s: %s", kCompressFolder, zipPath, ErrorText(error));
-                ::unlink(temporary.c_str());
-                return 0;
-            }
-            return 1;
+        return Pack(root.Get(), sourceDir, zipPath, false, kCompressFolder,
+                    [&] { return List(root.Get(), true, sourceDir, kCompressFolder); });
+    });
+}
+
+int NativeCollection::CompressPluginFolder(const std::wstring& diagFolder, const std::wstring& zipPath) {
+    return Guarded(kCompressPluginFolder, [&] {
+        int error = 0;
+        Fd root = OpenRoot(diagFolder, error);
+        if (!root.Valid()) {
+            g_log.e(L"%s: cannot open %s: %s", kCompressPluginFolder, diagFolder, ErrorText(error));
+            return 0;
         }
-        g_log.e(L"%s: %s kept changing while packed", kCompressFolder, sourceDir);
-        return 0;
+        return Pack(root.Get(), diagFolder, zipPath, true, kCompressPluginFolder,
+                    [&] { return PluginListing(root.Get(), diagFolder); });
     });
 }
 

@@ -1,6 +1,7 @@
 #include "platform/posix/PosixFileSystem.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -118,8 +119,15 @@ std::optional<std::uint64_t> PosixFileSystem::FileSize(const std::wstring& path)
 }
 
 bool PosixFileSystem::ReadFile(const std::wstring& path, std::string& contents) {
-    const int fd = ::open(path::ToFs(path).c_str(), O_RDONLY | O_CLOEXEC);
+    // Not through a link and never a FIFO or device: the module reads files in
+    // folders that other users may write to (a plug-in's user folder).
+    const int fd = ::open(path::ToFs(path).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
     if (fd < 0) return false;
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        ::close(fd);
+        return false;
+    }
     contents.clear();
     char buffer[65536];
     bool ok = true;

@@ -1,0 +1,236 @@
+#include "platform/posix/FolderExtensions.h"
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+#include <json/json.h>
+
+#include "platform/Env.h"
+#include "platform/Paths.h"
+#include "platform/Strings.h"
+
+namespace zep::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::chrono::seconds kDefaultTimeout{120};
+// A manifest is a few lines; anything this large is not one.
+constexpr std::uintmax_t kMaxManifestBytes = 64 * 1024;
+
+// Strict: trailing garbage makes a damaged document, and deep nesting (which
+// JsonCpp would throw on) is refused as malformed.
+std::optional<Json::Value> ParseObject(std::string_view text) {
+    try {
+        Json::CharReaderBuilder builder;
+        builder["failIfExtra"] = true;
+        builder["stackLimit"] = 64;
+        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        Json::Value root;
+        std::string errors;
+        if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) || !root.isObject()) {
+            return std::nullopt;
+        }
+        return root;
+    } catch (...) {
+        return std::nullopt;
+    }
+}
+
+std::optional<Json::Value> ReadObject(const fs::path& file) {
+    std::error_code error;
+    const std::uintmax_t size = fs::file_size(file, error);
+    if (error || size > kMaxManifestBytes) return std::nullopt;
+    std::ifstream in(file, std::ios::binary);
+    if (!in) return std::nullopt;
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return ParseObject(text);
+}
+
+// What plugin.json says, once it has passed the checks every use needs.
+struct Plugin {
+    fs::path folder;
+    std::wstring id;
+    fs::path program;                       // absolute
+    std::vector<ElevationType> elevations;  // running instances, in order, each once
+};
+
+std::optional<ElevationType> ElevationNamed(const std::string& name) {
+    const std::wstring lower = text::Lower(text::FromUtf8(name));
+    if (lower == L"elevated") return Elevated;
+    if (lower == L"user") return User;
+    return std::nullopt;
+}
+
+std::optional<Plugin> ReadPlugin(const fs::path& folder) {
+    const std::optional<Json::Value> manifest = ReadObject(folder / "plugin.json");
+    if (!manifest) return std::nullopt;
+    const Json::Value& id = (*manifest)["id"];
+    const Json::Value& program = (*manifest)["program"];
+    if (!id.isString() || id.asString().empty() || !program.isString() || program.asString().empty()) {
+        return std::nullopt;
+    }
+
+    Plugin plugin;
+    plugin.folder = folder;
+    plugin.id = text::FromUtf8(id.asString());
+    plugin.program = fs::path(program.asString());
+    if (plugin.program.is_relative()) plugin.program = folder / plugin.program;
+
+    const Json::Value& running = (*manifest)["running"];
+    const Json::Value& elevations = (*manifest)["elevations"];
+    if ((running.isBool() && !running.asBool()) || !elevations.isArray()) return plugin;
+    for (const auto& entry : elevations) {
+        const std::optional<ElevationType> elevation =
+            entry.isString() ? ElevationNamed(entry.asString()) : std::nullopt;
+        // Asking one instance twice would only overwrite its own folder.
+        if (elevation && std::find(plugin.elevations.begin(), plugin.elevations.end(), *elevation) ==
+                             plugin.elevations.end()) {
+            plugin.elevations.push_back(*elevation);
+        }
+    }
+    return plugin;
+}
+
+// A target is a folder name and nothing else: it must not reach outside
+// plugins/.
+bool IsPluginFolderName(const std::wstring& target) {
+    if (target.empty() || target == L"." || target.find(L"..") != std::wstring::npos) return false;
+    return std::none_of(target.begin(), target.end(),
+                        [](wchar_t c) { return c == L'/' || c == L'\\' || c == L'\0'; });
+}
+
+// The plug-in folders, sorted by name so that every lookup sees them in the
+// same order.
+std::vector<fs::path> PluginFolders(const fs::path& pluginsDir) {
+    std::vector<fs::path> folders;
+    std::error_code error;
+    for (fs::directory_iterator it(pluginsDir, error), end; !error && it != end; it.increment(error)) {
+        std::error_code kind;
+        if (it->is_directory(kind)) folders.push_back(it->path());
+    }
+    std::sort(folders.begin(), folders.end());
+    return folders;
+}
+
+std::wstring ElevationArgument(ElevationType elevation) {
+    switch (elevation) {
+        case Elevated: return L"elevated";
+        case User: return L"user";
+        case None: break;
+    }
+    return L"none";
+}
+
+// The plug-in's answer: the whole output as one JSON object, or else the
+// last of its lines that is one (progress lines may come before it).
+bool DeleteFilesOnUpload(const std::string& output) {
+    std::optional<Json::Value> answer = ParseObject(output);
+    for (std::size_t end = output.size(); !answer && end > 0;) {
+        const std::size_t newline = end >= 2 ? output.rfind('\n', end - 2) : std::string::npos;
+        const std::size_t begin = newline == std::string::npos ? 0 : newline + 1;
+        answer = ParseObject(std::string_view(output).substr(begin, end - begin));
+        end = begin;
+    }
+    if (!answer) return false;
+    const Json::Value& value = (*answer)["deleteFilesOnUpload"];
+    return value.isBool() && value.asBool();
+}
+
+class FolderExtensions : public ExtensionEnv {
+public:
+    FolderExtensions(fs::path pluginsDir, std::function<std::chrono::seconds()> timeout)
+        : pluginsDir_(std::move(pluginsDir)), timeout_(std::move(timeout)) {}
+
+    bool TryResolveGetDiagnosticsElevations(const std::wstring& target, std::wstring& pluginId,
+                                            std::vector<ElevationType>& elevations) override {
+        try {
+            const std::optional<fs::path> folder = FolderOf(target);
+            if (!folder) return false;
+            const std::optional<Plugin> plugin = ReadPlugin(*folder);
+            if (!plugin || plugin->elevations.empty()) return false;
+            pluginId = plugin->id;
+            elevations = plugin->elevations;
+            return true;
+        } catch (...) {
+            return false;
+        }
+    }
+
+    DiagnosticsOperationResult SendDiagnosticCommandToTargets(const std::wstring& pluginId,
+                                                              const std::wstring& diagFolder,
+                                                              ElevationType elevation) override {
+        DiagnosticsOperationResult answer;
+        try {
+            const std::optional<Plugin> plugin = PluginWithId(pluginId);
+            if (!plugin) return answer;
+
+            ProcessSpec request;
+            request.argv = {path::FromFs(plugin->program), L"get-diagnostics", diagFolder, ElevationArgument(elevation)};
+            request.workingDirectory = path::FromFs(plugin->folder);
+            request.timeout = Timeout();
+            request.captureOutput = true;
+            const ProcessResult result = CurrentEnv()->processes->Spawn(request);
+
+            if (!result.started) return answer;
+            if (result.timedOut) {
+                answer.timeout = true;
+                return answer;
+            }
+            answer.delivered = true;
+            answer.isSuccess = result.exitCode == 0;
+            answer.deleteFilesOnUpload = DeleteFilesOnUpload(result.output);
+        } catch (...) {
+            // Out of memory for the output: the command counts as undelivered.
+            return DiagnosticsOperationResult{};
+        }
+        return answer;
+    }
+
+private:
+    // The folder a target names: its own spelling, or else the first whose
+    // name matches it in another letter case.
+    std::optional<fs::path> FolderOf(const std::wstring& target) const {
+        if (!IsPluginFolderName(target)) return std::nullopt;
+        const std::wstring lower = text::Lower(target);
+        std::optional<fs::path> found;
+        for (const auto& folder : PluginFolders(pluginsDir_)) {
+            const std::wstring name = path::FromFs(folder.filename());
+            if (name == lower) return folder;
+            if (!found && text::EqualsIgnoreCase(name, lower)) found = folder;
+        }
+        return found;
+    }
+
+    std::optional<Plugin> PluginWithId(const std::wstring& pluginId) const {
+        if (pluginId.empty()) return std::nullopt;
+        for (const auto& folder : PluginFolders(pluginsDir_)) {
+            std::optional<Plugin> plugin = ReadPlugin(folder);
+            if (plugin && text::EqualsIgnoreCase(plugin->id, pluginId)) return plugin;
+        }
+        return std::nullopt;
+    }
+
+    std::chrono::milliseconds Timeout() const {
+        const std::chrono::seconds configured = timeout_ ? timeout_() : kDefaultTimeout;
+        // Zero would mean no limit at all to the process layer.
+        return configured.count() > 0 ? configured : kDefaultTimeout;
+    }
+
+    const fs::path pluginsDir_;
+    const std::function<std::chrono::seconds()> timeout_;
+};
+
+}  // namespace
+
+std::shared_ptr<ExtensionEnv> MakeFolderExtensions(fs::path pluginsDir, std::function<std::chrono::seconds()> timeout) {
+    return std::make_shared<FolderExtensions>(std::move(pluginsDir), std::move(timeout));
+}
+
+}  // namespace zep::platform
