@@ -13,6 +13,7 @@
 #include "platform/ExtensionModule.h"
 #include "platform/FileStorageAgent.h"
 #include "platform/Paths.h"
+#include "plugins/UploadRetry.h"
 
 namespace {
 constexpr const char* kRequestLabel = "PluginDiagnosticsProcessor::GeneratePluginDiagnosticsForMqttTarget";
@@ -25,19 +26,6 @@ constexpr int kUploaded = 0;
 constexpr int kNotUploaded = 1;
 constexpr int kQueuedOffline = 2;
 
-// The upper bound handed to the jitter before the one retry after a 429.
-constexpr unsigned int kRetryJitterRange = 300000;
-
-FileStorageAgent::StoragError UploadWithOneRetry(DiagnosticsManager& manager, const std::wstring& zipPath) {
-    FileStorageAgent::StoragError result = PluginDiagnosticsProcessor::UploadPluginDiagnosticsResult(manager, zipPath);
-    if (result != FileStorageAgent::TooManyRequests) return result;
-    // The service asked us to back off: wait a random while, so that devices
-    // refused together do not return together, and try exactly once more.
-    const unsigned int delay = ApiUtility::GetRandomJitterInSeconds(kRetryJitterRange);
-    g_log.d(L"%s: plugin upload received 429. retrying once after %d seconds.", kRequestLabel, delay);
-    ApiUtility::SleepForSeconds(delay);
-    return PluginDiagnosticsProcessor::UploadPluginDiagnosticsResult(manager, zipPath);
-}
 
 // One elevation's request, from its folder to its history line.
 void RequestForElevation(DiagnosticsManager& manager, const std::wstring& pluginId,
@@ -103,7 +91,7 @@ void RequestForElevation(DiagnosticsManager& manager, const std::wstring& plugin
         return;
     }
 
-    const FileStorageAgent::StoragError result = UploadWithOneRetry(manager, zipPath);
+    const FileStorageAgent::StoragError result = zep::plugins::UploadWithOneRetry(manager, zipPath, kRequestLabel);
     g_log.d(L"%s: plugin upload result=%d plugin=%s elev=%s", kRequestLabel, static_cast<int>(result), pluginId,
             label);
     if (result == FileStorageAgent::NetworkNotConnected) {

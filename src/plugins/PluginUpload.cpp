@@ -18,6 +18,7 @@
 #include "platform/FileStorageAgent.h"
 #include "platform/Paths.h"
 #include "platform/Strings.h"
+#include "plugins/UploadRetry.h"
 
 namespace {
 
@@ -72,14 +73,6 @@ std::vector<fs::path> DirectEntries(const std::wstring& folder, fs::file_type ty
     return found;
 }
 
-FileStorageAgent::StoragError UploadWithOneRetry(DiagnosticsManager& manager, const std::wstring& zipPath) {
-    FileStorageAgent::StoragError result = PluginDiagnosticsProcessor::UploadPluginDiagnosticsResult(manager, zipPath);
-    if (result != FileStorageAgent::TooManyRequests) return result;
-    const unsigned int delay = ApiUtility::GetRandomJitterInSeconds(kRetryJitterRangeMs);
-    g_log.d(L"%s: plugin upload received 429. retrying once after %d seconds.", kDeferredLabel, delay);
-    ApiUtility::SleepForSeconds(delay);
-    return PluginDiagnosticsProcessor::UploadPluginDiagnosticsResult(manager, zipPath);
-}
 
 }  // namespace
 
@@ -281,7 +274,7 @@ bool PluginDiagnosticsProcessor::ProcessDeferredPluginUpload(DiagnosticsManager&
         }
         if (zipPath.empty()) return false;
 
-        const FileStorageAgent::StoragError result = UploadWithOneRetry(manager, zipPath);
+        const FileStorageAgent::StoragError result = zep::plugins::UploadWithOneRetry(manager, zipPath, kDeferredLabel);
         g_log.d(L"%s: deferred plugin upload result=%d path=%s", kDeferredLabel, result, zipPath);
         const int status = result == FileStorageAgent::Success               ? kSentToCloud
                            : result == FileStorageAgent::NetworkNotConnected ? kQueuedOffline
@@ -300,4 +293,14 @@ bool PluginDiagnosticsProcessor::ProcessDeferredPluginUpload(DiagnosticsManager&
         g_log.e(L"%s: failed to process deferred plugin upload for %s", kDeferredLabel, diagFolder);
         return false;
     }
+}
+
+FileStorageAgent::StoragError zep::plugins::UploadWithOneRetry(DiagnosticsManager& manager, const std::wstring& zipPath,
+                                                               const char* label) {
+    FileStorageAgent::StoragError result = PluginDiagnosticsProcessor::UploadPluginDiagnosticsResult(manager, zipPath);
+    if (result != FileStorageAgent::TooManyRequests) return result;
+    const unsigned int delay = ApiUtility::GetRandomJitterInSeconds(kRetryJitterRangeMs);
+    g_log.d(L"%s: plugin upload received 429. retrying once after %d seconds.", label, delay);
+    ApiUtility::SleepForSeconds(delay);
+    return PluginDiagnosticsProcessor::UploadPluginDiagnosticsResult(manager, zipPath);
 }

@@ -21,6 +21,7 @@
 #include "platform/Paths.h"
 #include "platform/Strings.h"
 #include "support/ManagerFixture.h"
+#include "support/TokenSigner.h"
 
 namespace {
 
@@ -35,52 +36,8 @@ struct PkeyFree {
     void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
 };
 
-// Key generation is slow: every test signs with the same key.
-EVP_PKEY* TrustedKey() {
-    static const std::unique_ptr<EVP_PKEY, PkeyFree> key(
-        EVP_PKEY_Q_keygen(nullptr, nullptr, "RSA", static_cast<std::size_t>(2048)));
-    if (!key) throw std::runtime_error("RSA key generation failed");
-    return key.get();
-}
-
-std::string PublicKeyPem(EVP_PKEY* key) {
-    std::unique_ptr<BIO, decltype(&BIO_free)> bio(BIO_new(BIO_s_mem()), &BIO_free);
-    if (!bio || PEM_write_bio_PUBKEY(bio.get(), key) != 1) throw std::runtime_error("PEM export failed");
-    std::string pem(BIO_ctrl_pending(bio.get()), '\0');
-    BIO_read(bio.get(), pem.data(), static_cast<int>(pem.size()));
-    return pem;
-}
-
-std::string Base64Url(const std::string& bytes) {
-    std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-    const int length =
-        EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
-                        reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
-    text.resize(static_cast<std::size_t>(length));
-    while (!text.empty() && text.back() == '=') text.pop_back();
-    for (char& c : text) c = c == '+' ? '-' : c == '/' ? '_' : c;
-    return text;
-}
-
 // Valid until 2100.
-std::string SignToken() {
-    const std::string input = Base64Url(R"({"alg":"RS256","typ":"JWT"})") + "." +
-                              Base64Url(R"({"sub":"LD-TEST01","purpose":"provision","exp":4102444800})");
-    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> ctx(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
-    std::size_t length = 0;
-    const auto* data = reinterpret_cast<const unsigned char*>(input.data());
-    if (!ctx || EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, TrustedKey()) != 1 ||
-        EVP_DigestSign(ctx.get(), nullptr, &length, data, input.size()) != 1) {
-        throw std::runtime_error("signing failed");
-    }
-    std::string signature(length, '\0');
-    if (EVP_DigestSign(ctx.get(), reinterpret_cast<unsigned char*>(signature.data()), &length, data,
-                       input.size()) != 1) {
-        throw std::runtime_error("signing failed");
-    }
-    signature.resize(length);
-    return input + "." + Base64Url(signature);
-}
+std::string SignToken() { return zep::testing::SignToken(zep::testing::TrustedKey(), zep::testing::kYear2100); }
 
 Json::Value Parse(const std::string& text) {
     Json::Value value;
@@ -101,7 +58,7 @@ std::set<std::string> Tree(const fs::path& dir) {
 class PluginUploadTest : public zep::testing::ManagerTest {
 protected:
     PluginUploadTest() {
-        platform.policy->platformPolicy.set_jws_pubkey({zep::text::FromUtf8(PublicKeyPem(TrustedKey()))});
+        platform.policy->platformPolicy.set_jws_pubkey({zep::text::FromUtf8(zep::testing::PublicKeyPem(zep::testing::TrustedKey()))});
         zipBytes = "PK\x03\x04";
         for (int i = 0; i < 2000; ++i) zipBytes.push_back(static_cast<char>(i * 13 % 251));
         WriteText(zip, zipBytes);
