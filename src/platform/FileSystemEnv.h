@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -48,6 +49,43 @@ public:
     virtual std::vector<std::wstring> ListFiles(const std::wstring& folder, bool recursive) = 0;
     // Bytes available to the caller on the volume holding `path`.
     virtual std::optional<std::uint64_t> FreeSpace(const std::wstring& path) = 0;
+};
+
+// Forwards every operation to another FileSystemEnv: a test (or a backend)
+// derives from it and overrides only what it changes.
+class FileSystemEnvWrapper : public FileSystemEnv {
+public:
+    explicit FileSystemEnvWrapper(std::shared_ptr<FileSystemEnv> target) : target_(std::move(target)) {}
+
+    bool FileExists(const std::wstring& path) override { return target_->FileExists(path); }
+    bool DirectoryExists(const std::wstring& path) override { return target_->DirectoryExists(path); }
+    bool CreateDirectory(const std::wstring& path, bool recursive) override {
+        return target_->CreateDirectory(path, recursive);
+    }
+    bool Remove(const std::wstring& path, bool recursive) override { return target_->Remove(path, recursive); }
+    bool CopyFile(const std::wstring& from, const std::wstring& to) override { return target_->CopyFile(from, to); }
+    bool CopyDirectory(const std::wstring& from, const std::wstring& to) override {
+        return target_->CopyDirectory(from, to);
+    }
+    std::optional<std::uint64_t> FileSize(const std::wstring& path) override { return target_->FileSize(path); }
+    bool ReadFile(const std::wstring& path, std::string& contents) override {
+        return target_->ReadFile(path, contents);
+    }
+    bool WriteFile(const std::wstring& path, std::string_view contents) override {
+        return target_->WriteFile(path, contents);
+    }
+    bool WriteFileAtomically(const std::wstring& path, std::string_view contents) override {
+        return target_->WriteFileAtomically(path, contents);
+    }
+    std::vector<std::wstring> ListFiles(const std::wstring& folder, bool recursive) override {
+        return target_->ListFiles(folder, recursive);
+    }
+    std::optional<std::uint64_t> FreeSpace(const std::wstring& path) override { return target_->FreeSpace(path); }
+
+    FileSystemEnv* target() const { return target_.get(); }
+
+private:
+    std::shared_ptr<FileSystemEnv> target_;
 };
 
 }  // namespace zep::platform

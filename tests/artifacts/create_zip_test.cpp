@@ -26,27 +26,13 @@ const std::wstring kPowerShell =
     L"-NonInteractive -WindowStyle Hidden";
 
 // Files as the platform has them, except that one path cannot be removed.
-class RefusingRemove : public zep::platform::FileSystemEnv {
+class RefusingRemove : public zep::platform::FileSystemEnvWrapper {
 public:
     RefusingRemove(std::shared_ptr<zep::platform::FileSystemEnv> inner, std::wstring refused)
-        : inner_(std::move(inner)), refused_(std::move(refused)) {}
-    bool FileExists(const std::wstring& p) override { return inner_->FileExists(p); }
-    bool DirectoryExists(const std::wstring& p) override { return inner_->DirectoryExists(p); }
-    bool CreateDirectory(const std::wstring& p, bool r) override { return inner_->CreateDirectory(p, r); }
-    bool Remove(const std::wstring& p, bool r) override { return p != refused_ && inner_->Remove(p, r); }
-    bool CopyFile(const std::wstring& f, const std::wstring& t) override { return inner_->CopyFile(f, t); }
-    bool CopyDirectory(const std::wstring& f, const std::wstring& t) override { return inner_->CopyDirectory(f, t); }
-    std::optional<std::uint64_t> FileSize(const std::wstring& p) override { return inner_->FileSize(p); }
-    bool ReadFile(const std::wstring& p, std::string& c) override { return inner_->ReadFile(p, c); }
-    bool WriteFile(const std::wstring& p, std::string_view c) override { return inner_->WriteFile(p, c); }
-    bool WriteFileAtomically(const std::wstring& p, std::string_view c) override {
-        return inner_->WriteFileAtomically(p, c);
-    }
-    std::vector<std::wstring> ListFiles(const std::wstring& f, bool r) override { return inner_->ListFiles(f, r); }
-    std::optional<std::uint64_t> FreeSpace(const std::wstring& p) override { return inner_->FreeSpace(p); }
+        : FileSystemEnvWrapper(std::move(inner)), refused_(std::move(refused)) {}
+    bool Remove(const std::wstring& p, bool r) override { return p != refused_ && FileSystemEnvWrapper::Remove(p, r); }
 
 private:
-    std::shared_ptr<zep::platform::FileSystemEnv> inner_;
     std::wstring refused_;
 };
 

@@ -48,27 +48,13 @@ public:
 };
 
 // The real file system on a volume with `freeBytes` free.
-class SmallDisk : public zep::platform::FileSystemEnv {
+class SmallDisk : public zep::platform::FileSystemEnvWrapper {
 public:
     SmallDisk(std::shared_ptr<zep::platform::FileSystemEnv> inner, std::uint64_t freeBytes)
-        : inner_(std::move(inner)), free_(freeBytes) {}
-    bool FileExists(const std::wstring& p) override { return inner_->FileExists(p); }
-    bool DirectoryExists(const std::wstring& p) override { return inner_->DirectoryExists(p); }
-    bool CreateDirectory(const std::wstring& p, bool r) override { return inner_->CreateDirectory(p, r); }
-    bool Remove(const std::wstring& p, bool r) override { return inner_->Remove(p, r); }
-    bool CopyFile(const std::wstring& f, const std::wstring& t) override { return inner_->CopyFile(f, t); }
-    bool CopyDirectory(const std::wstring& f, const std::wstring& t) override { return inner_->CopyDirectory(f, t); }
-    std::optional<std::uint64_t> FileSize(const std::wstring& p) override { return inner_->FileSize(p); }
-    bool ReadFile(const std::wstring& p, std::string& c) override { return inner_->ReadFile(p, c); }
-    bool WriteFile(const std::wstring& p, std::string_view c) override { return inner_->WriteFile(p, c); }
-    bool WriteFileAtomically(const std::wstring& p, std::string_view c) override {
-        return inner_->WriteFileAtomically(p, c);
-    }
-    std::vector<std::wstring> ListFiles(const std::wstring& f, bool r) override { return inner_->ListFiles(f, r); }
+        : FileSystemEnvWrapper(std::move(inner)), free_(freeBytes) {}
     std::optional<std::uint64_t> FreeSpace(const std::wstring&) override { return free_; }
 
 private:
-    std::shared_ptr<zep::platform::FileSystemEnv> inner_;
     std::uint64_t free_;
 };
 

@@ -24,23 +24,9 @@ using zep::path::FromFs;
 using zep::testing::WriteText;
 
 // The real file system, with the free space a test chooses.
-class FreeSpaceFiles : public zep::platform::FileSystemEnv {
+class FreeSpaceFiles : public zep::platform::FileSystemEnvWrapper {
 public:
-    explicit FreeSpaceFiles(std::shared_ptr<zep::platform::FileSystemEnv> real) : real_(std::move(real)) {}
-
-    bool FileExists(const std::wstring& p) override { return real_->FileExists(p); }
-    bool DirectoryExists(const std::wstring& p) override { return real_->DirectoryExists(p); }
-    bool CreateDirectory(const std::wstring& p, bool r) override { return real_->CreateDirectory(p, r); }
-    bool Remove(const std::wstring& p, bool r) override { return real_->Remove(p, r); }
-    bool CopyFile(const std::wstring& f, const std::wstring& t) override { return real_->CopyFile(f, t); }
-    bool CopyDirectory(const std::wstring& f, const std::wstring& t) override { return real_->CopyDirectory(f, t); }
-    std::optional<std::uint64_t> FileSize(const std::wstring& p) override { return real_->FileSize(p); }
-    bool ReadFile(const std::wstring& p, std::string& c) override { return real_->ReadFile(p, c); }
-    bool WriteFile(const std::wstring& p, std::string_view c) override { return real_->WriteFile(p, c); }
-    bool WriteFileAtomically(const std::wstring& p, std::string_view c) override {
-        return real_->WriteFileAtomically(p, c);
-    }
-    std::vector<std::wstring> ListFiles(const std::wstring& f, bool r) override { return real_->ListFiles(f, r); }
+    explicit FreeSpaceFiles(std::shared_ptr<zep::platform::FileSystemEnv> real) : FileSystemEnvWrapper(std::move(real)) {}
     std::optional<std::uint64_t> FreeSpace(const std::wstring& p) override {
         asked.push_back(p);
         return free;
@@ -48,9 +34,6 @@ public:
 
     std::optional<std::uint64_t> free;
     std::vector<std::wstring> asked;
-
-private:
-    std::shared_ptr<zep::platform::FileSystemEnv> real_;
 };
 
 class PluginZipTest : public zep::testing::ManagerTest {

@@ -25,27 +25,15 @@ using zep::testing::ReadText;
 using zep::testing::WriteText;
 
 // The real file system, except that one file cannot be read.
-class UnreadableFile : public zep::platform::FileSystemEnv {
+class UnreadableFile : public zep::platform::FileSystemEnvWrapper {
 public:
     UnreadableFile(std::shared_ptr<zep::platform::FileSystemEnv> inner, std::wstring refused)
-        : inner_(std::move(inner)), refused_(std::move(refused)) {}
-    bool FileExists(const std::wstring& p) override { return inner_->FileExists(p); }
-    bool DirectoryExists(const std::wstring& p) override { return inner_->DirectoryExists(p); }
-    bool CreateDirectory(const std::wstring& p, bool r) override { return inner_->CreateDirectory(p, r); }
-    bool Remove(const std::wstring& p, bool r) override { return inner_->Remove(p, r); }
-    bool CopyFile(const std::wstring& f, const std::wstring& t) override { return inner_->CopyFile(f, t); }
-    bool CopyDirectory(const std::wstring& f, const std::wstring& t) override { return inner_->CopyDirectory(f, t); }
-    std::optional<std::uint64_t> FileSize(const std::wstring& p) override { return inner_->FileSize(p); }
-    bool ReadFile(const std::wstring& p, std::string& c) override { return p != refused_ && inner_->ReadFile(p, c); }
-    bool WriteFile(const std::wstring& p, std::string_view c) override { return inner_->WriteFile(p, c); }
-    bool WriteFileAtomically(const std::wstring& p, std::string_view c) override {
-        return inner_->WriteFileAtomically(p, c);
+        : FileSystemEnvWrapper(std::move(inner)), refused_(std::move(refused)) {}
+    bool ReadFile(const std::wstring& p, std::string& c) override {
+        return p != refused_ && FileSystemEnvWrapper::ReadFile(p, c);
     }
-    std::vector<std::wstring> ListFiles(const std::wstring& f, bool r) override { return inner_->ListFiles(f, r); }
-    std::optional<std::uint64_t> FreeSpace(const std::wstring& p) override { return inner_->FreeSpace(p); }
 
 private:
-    std::shared_ptr<zep::platform::FileSystemEnv> inner_;
     std::wstring refused_;
 };
 
