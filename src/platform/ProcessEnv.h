@@ -10,7 +10,7 @@
 
 namespace zep::platform {
 
-struct ProcessSpec {
+struct ProcessRequest {
     std::vector<std::wstring> argv;          // argv[0] is the program
     std::wstring workingDirectory;            // empty: the caller's
     std::chrono::milliseconds timeout{0};     // 0: wait without limit
@@ -37,7 +37,7 @@ public:
                                   bool wait, void* hostContext) = 0;
     // Runs an argument vector and waits for it (or for the time-out, after
     // which the process and its children are killed). Never throws.
-    virtual ProcessResult Spawn(const ProcessSpec& spec) = 0;
+    virtual ProcessResult Spawn(const ProcessRequest& request) = 0;
 };
 
 }  // namespace zep::platform

@@ -35,9 +35,9 @@ protected:
     // The script "runs" for `duration` on the fake clock, writes its own
     // result and ends with `exitCode`.
     void ScriptTakes(std::chrono::nanoseconds duration, int exitCode) {
-        platform.processes->onSpawn = [this, duration, exitCode](const zep::platform::ProcessSpec& spec) {
+        platform.processes->onSpawn = [this, duration, exitCode](const zep::platform::ProcessRequest& request) {
             platform.clock->Advance(duration);
-            const auto out = zep::path::ToFs(spec.argv.back());
+            const auto out = zep::path::ToFs(request.argv.back());
             WriteText(out / "component-result.json", R"({"componentId":"own","resultType":"Complete"})");
             zep::platform::ProcessResult result;
             result.started = true;

@@ -367,7 +367,7 @@ TEST_F(NativePackageScriptTest, SucceedsOnlyForAScriptThatEndsWellInTime) {
     for (const auto& [started, timedOut, exitCode] :
          {std::tuple{false, false, -1}, std::tuple{true, false, 3}, std::tuple{true, true, -1}}) {
         platform.processes->onSpawn = [started = started, timedOut = timedOut, exitCode = exitCode](
-                                          const ProcessSpec&) { return ProcessResult{started, timedOut, exitCode, ""}; };
+                                          const ProcessRequest&) { return ProcessResult{started, timedOut, exitCode, ""}; };
         EXPECT_EQ(collection.RunPackageScript(L"/pkg/install.sh", L"/tmp/out"), 0) << exitCode;
     }
 }

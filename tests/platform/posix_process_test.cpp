@@ -30,9 +30,9 @@ using Clock = std::chrono::steady_clock;
 using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 
-ProcessSpec Command(std::vector<std::wstring> argv, bool capture = false,
+ProcessRequest Command(std::vector<std::wstring> argv, bool capture = false,
                     std::chrono::milliseconds timeout = 0ms) {
-    ProcessSpec request;
+    ProcessRequest request;
     request.argv = std::move(argv);
     request.captureOutput = capture;
     request.timeout = timeout;
@@ -214,7 +214,7 @@ TEST(PosixProcessSpawn, CapturesOnlyStandardOutputAndReadsWhileWaiting) {
 TEST(PosixProcessSpawn, HonoursWorkingDirectory) {
     PosixProcess process;
     const TempDir dir;
-    ProcessSpec request = Command({L"/bin/pwd"}, true);
+    ProcessRequest request = Command({L"/bin/pwd"}, true);
     request.workingDirectory = dir.Wide();
     const ProcessResult result = process.Spawn(request);
     EXPECT_EQ(result.exitCode, 0);

@@ -28,12 +28,12 @@ int RecordingProcess::LaunchCommandLine(const std::wstring& commandLine, const s
     return onLaunch ? onLaunch(full) : 1;
 }
 
-platform::ProcessResult RecordingProcess::Spawn(const platform::ProcessSpec& spec) {
+platform::ProcessResult RecordingProcess::Spawn(const platform::ProcessRequest& request) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
-        spawns_.push_back(spec);
+        spawns_.push_back(request);
     }
-    if (onSpawn) return onSpawn(spec);
+    if (onSpawn) return onSpawn(request);
     platform::ProcessResult result;
     result.started = true;
     result.exitCode = 0;
@@ -45,7 +45,7 @@ std::vector<std::wstring> RecordingProcess::CommandLines() const {
     return commandLines_;
 }
 
-std::vector<platform::ProcessSpec> RecordingProcess::Spawns() const {
+std::vector<platform::ProcessRequest> RecordingProcess::Spawns() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return spawns_;
 }

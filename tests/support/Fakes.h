@@ -36,19 +36,19 @@ class RecordingProcess : public platform::ProcessEnv {
 public:
     int LaunchCommandLine(const std::wstring& commandLine, const std::wstring& arguments, bool wait,
                           void* hostContext) override;
-    platform::ProcessResult Spawn(const platform::ProcessSpec& spec) override;
+    platform::ProcessResult Spawn(const platform::ProcessRequest& request) override;
 
     std::vector<std::wstring> CommandLines() const;
-    std::vector<platform::ProcessSpec> Spawns() const;
+    std::vector<platform::ProcessRequest> Spawns() const;
 
     std::function<int(const std::wstring& commandLine)> onLaunch;
-    std::function<platform::ProcessResult(const platform::ProcessSpec& spec)> onSpawn;
+    std::function<platform::ProcessResult(const platform::ProcessRequest& request)> onSpawn;
     void* lastHostContext = nullptr;
 
 private:
     mutable std::mutex mutex_;
     std::vector<std::wstring> commandLines_;
-    std::vector<platform::ProcessSpec> spawns_;
+    std::vector<platform::ProcessRequest> spawns_;
 };
 
 // Identity, cloud state and network, as plain fields.

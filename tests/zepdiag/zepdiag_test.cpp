@@ -264,7 +264,7 @@ TEST_F(InitTest, DemoPluginIsFoundAndAnswersGetDiagnostics) {
     EXPECT_THAT(elevations, ::testing::ElementsAre(zep::platform::Elevated));
 
     const fs::path out = root / "plugin out";
-    zep::platform::ProcessSpec request;
+    zep::platform::ProcessRequest request;
     request.argv = {zep::text::DecodeFileName((device / "plugins/demo-plugin/run.sh").native()), L"get-diagnostics",
                     zep::text::DecodeFileName(out.native()), L"elevated"};
     request.captureOutput = true;

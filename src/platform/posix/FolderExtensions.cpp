@@ -171,7 +171,7 @@ public:
             const std::optional<Plugin> plugin = PluginWithId(pluginId);
             if (!plugin) return answer;
 
-            ProcessSpec request;
+            ProcessRequest request;
             request.argv = {path::FromFs(plugin->program), L"get-diagnostics", diagFolder, ElevationArgument(elevation)};
             request.workingDirectory = path::FromFs(plugin->folder);
             request.timeout = Timeout();

@@ -803,7 +803,7 @@ int NativeCollection::RunPackageScript(const std::wstring& script, const std::ws
     return Guarded(kRunPackageScript, [&] {
         const auto env = CurrentEnv();
         if (!env || !env->processes) return 0;
-        ProcessSpec command;
+        ProcessRequest command;
         command.argv = {L"/bin/sh", script, L"-command", L"get-diagnostics", L"-outDir", outputFolder};
         // Not the test time-out (that is judged afterwards) but the hard stop
         // that keeps one hung script from holding every later scan.

@@ -179,7 +179,7 @@ bool HasNul(const std::string& bytes) { return bytes.find('\0') != std::string::
 
 // Starts the child without a shell. False (and nothing left behind) when it
 // could not be started.
-bool StartChild(const ProcessSpec& request, Child& child) {
+bool StartChild(const ProcessRequest& request, Child& child) {
     if (request.argv.empty()) return false;
 
     std::vector<std::string> args;
@@ -327,7 +327,7 @@ ProcessResult WaitChild(pid_t pid, Fd output, milliseconds limit) noexcept {
 
 PosixProcess::PosixProcess(std::chrono::milliseconds ceiling) : ceiling_(ceiling) {}
 
-ProcessResult PosixProcess::Spawn(const ProcessSpec& request) {
+ProcessResult PosixProcess::Spawn(const ProcessRequest& request) {
     try {
         Child child;
         if (!StartChild(request, child)) return ProcessResult{};
@@ -345,7 +345,7 @@ int PosixProcess::LaunchCommandLine(const std::wstring& commandLine, const std::
             line += L' ';
             line += arguments;
         }
-        ProcessSpec request;
+        ProcessRequest request;
         request.argv = SplitWindowsCommandLine(line);
         if (request.argv.empty()) return 0;
 

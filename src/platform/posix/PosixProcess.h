@@ -19,7 +19,7 @@ public:
 
     int LaunchCommandLine(const std::wstring& commandLine, const std::wstring& arguments, bool wait,
                           void* hostContext) override;
-    ProcessResult Spawn(const ProcessSpec& spec) override;
+    ProcessResult Spawn(const ProcessRequest& request) override;
 
 private:
     std::chrono::milliseconds ceiling_;
