@@ -5,6 +5,7 @@
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "artifacts/PowerShellCollection.h"
+#include "platform/JsonText.h"
 #include "platform/CommonBase.h"
 #include "platform/Paths.h"
 #include "platform/ZEPShared.h"
@@ -124,11 +125,9 @@ void DiagnosticsManager::AddIfArtifactsWereProvided(const std::wstring& resultFi
         return;
     }
     try {
-        Json::CharReaderBuilder builder;
-        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
         Json::Value document;
         std::string errors;
-        if (!reader->parse(text.data(), text.data() + text.size(), &document, &errors) || !document.isObject()) {
+        if (!zep::json::Parse(text, document, &errors) || !document.isObject()) {
             g_log.d(L"%s: Exception Occurred: %ls", kArtifacts, String::UTF8ToUTF16(errors));
             return;
         }

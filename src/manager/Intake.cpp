@@ -6,6 +6,7 @@
 #include <json/json.h>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
+#include "platform/JsonText.h"
 #include "platform/CommonBase.h"
 #include "platform/Env.h"
 #include "platform/ZEPShared.h"
@@ -117,12 +118,9 @@ void DiagnosticsManager::ParseDiagnosticsParameters(ZEPNotificationData& data, D
     }
     g_log.d(L"%s: parsing notification payload: %s", kParse, payload);
 
-    const std::string utf8 = String::UTF16ToUTF8(payload);
-    Json::CharReaderBuilder builder;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
     Json::Value root;
     std::string errors;
-    if (!reader->parse(utf8.data(), utf8.data() + utf8.size(), &root, &errors)) {
+    if (!zep::json::Parse(String::UTF16ToUTF8(payload), root, &errors)) {
         g_log.d(L"%s: JSON parse failed: %s", kParse, errors);
         params.targets.insert(L"zep");
         return;

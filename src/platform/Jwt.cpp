@@ -1,3 +1,4 @@
+#include "platform/JsonText.h"
 #include "platform/Jwt.h"
 
 #include <algorithm>
@@ -238,24 +239,13 @@ namespace {
 // A provisioning token is a few kilobytes; anything far larger is not one.
 constexpr std::size_t kMaxTokenBytes = 256 * 1024;
 
+// Strict: a duplicated "alg" or "exp" must not read one way here and another
+// way in the service that issued the token.
 std::optional<Json::Value> ParseObject(const std::string& text) {
-    try {
-        Json::CharReaderBuilder builder;
-        // Strict: a duplicated "alg" or "exp" must not read one way here and
-        // another way in the service that issued the token.
-        Json::CharReaderBuilder::strictMode(&builder.settings_);
-        builder["stackLimit"] = 32;
-        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        Json::Value root;
-        std::string errors;
-        if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) || !root.isObject()) {
-            return std::nullopt;
-        }
-        return root;
-    } catch (...) {
-        // JsonCpp throws past its nesting limit.
-        return std::nullopt;
-    }
+    zep::json::ParseOptions options;
+    options.strict = true;
+    options.stackLimit = 32;
+    return zep::json::ParseObject(text, options);
 }
 
 enum class TimeCheck { Ok, Malformed, Failed };

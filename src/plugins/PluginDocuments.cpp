@@ -11,6 +11,7 @@
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
+#include "platform/JsonText.h"
 #include "platform/CommonBase.h"
 #include "platform/ExceptionText.h"
 #include "platform/Paths.h"
@@ -30,12 +31,6 @@ constexpr int kMaxHistoryLines = 100;
 // six fields, as the agent writes a scan without failed tests.
 constexpr const wchar_t* kNoProblemSignature = L"\"\"";
 
-// As the agent's own history: text mode on Windows writes CRLF.
-#ifdef _WIN32
-constexpr const char* kLineBreak = "\r\n";
-#else
-constexpr const char* kLineBreak = "\n";
-#endif
 
 std::wstring ComponentResultPath(const std::wstring& diagFolder, const std::wstring& fileName) {
     return diagFolder + zep::path::kSeparator + fileName;
@@ -61,13 +56,7 @@ std::wstring ZipPath(const std::wstring& diagFolder, const std::wstring& pluginI
 bool ReadDocument(const std::wstring& path, Json::Value& document) {
     std::string text;
     if (!FileSystem::readFile(path, text)) return false;
-    Json::CharReaderBuilder builder;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value parsed;
-    std::string errors;
-    if (!reader->parse(text.data(), text.data() + text.size(), &parsed, &errors)) return false;
-    document = std::move(parsed);
-    return true;
+    return zep::json::Parse(text, document);
 }
 
 // The document as an object to complete: what is not one starts afresh.
@@ -219,13 +208,10 @@ void PluginDiagnosticsProcessor::WritePluginScanHistoryEntry(DiagnosticsManager&
         lines.push_back(line.str());
         manager.ProcessCyclicBuffer(lines, kMaxHistoryLines);
 
-        std::string joined;
-        for (const std::wstring& kept : lines) {
-            joined += zep::text::EncodeFileName(kept);
-            joined += kLineBreak;
-        }
+        std::vector<std::string> encoded;
+        for (const std::wstring& kept : lines) encoded.push_back(zep::text::EncodeFileName(kept));
         // Atomic: the deferred upload reads the last line, which must never be torn.
-        if (!FileSystem::writeFileAtomically(path, joined)) {
+        if (!FileSystem::writeFileAtomically(path, zep::results::JoinHistoryText(encoded))) {
             g_log.e(L"%s: Unable to open file: %s for writing", kHistoryLabel, path);
             return;
         }

@@ -13,6 +13,7 @@
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
 #include "artifacts/PowerShellCollection.h"
+#include "platform/JsonText.h"
 #include "platform/CommonBase.h"
 #include "platform/ExceptionText.h"
 #include "platform/FileStorageAgent.h"
@@ -48,12 +49,7 @@ std::wstring MetaFile(const std::wstring& diagFolder) {
     return diagFolder + NativePath(L"\\latest\\plugin-upload-meta.json");
 }
 
-bool ParseJson(const std::string& text, Json::Value& value) {
-    Json::CharReaderBuilder reader;
-    std::string errors;
-    std::istringstream in(text);
-    return Json::parseFromStream(reader, in, &value, &errors);
-}
+bool ParseJson(const std::string& text, Json::Value& value) { return zep::json::Parse(text, value); }
 
 bool HasZipExtension(const fs::path& file) {
     return zep::text::EqualsIgnoreCase(zep::path::FromFs(file.extension()), L".zip");

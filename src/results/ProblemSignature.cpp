@@ -92,4 +92,18 @@ std::vector<std::string> SplitHistoryText(const std::string& text) {
     return lines;
 }
 
+std::string JoinHistoryText(const std::vector<std::string>& lines) {
+#ifdef _WIN32
+    constexpr const char* kLineBreak = "\r\n";
+#else
+    constexpr const char* kLineBreak = "\n";
+#endif
+    std::string text;
+    for (const std::string& line : lines) {
+        text += line;
+        text += kLineBreak;
+    }
+    return text;
+}
+
 }  // namespace zep::results

@@ -38,4 +38,8 @@ std::vector<std::wstring> SplitHistoryFields(const std::wstring& line);
 // written in Windows text mode read the same.
 std::vector<std::string> SplitHistoryText(const std::string& text);
 
+// The inverse: every line followed by the system's text-mode line break (CRLF
+// on Windows, LF elsewhere).
+std::string JoinHistoryText(const std::vector<std::string>& lines);
+
 }  // namespace zep::results

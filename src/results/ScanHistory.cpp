@@ -26,13 +26,6 @@ constexpr std::size_t kHistoryFields = 6;
 constexpr int kMaxHistoryLines = 100;
 constexpr std::uint8_t kStatusNetworkNotConnected = 2;
 
-// Text mode on Windows writes CRLF; readers accept either.
-#ifdef _WIN32
-constexpr const char* kLineBreak = "\r\n";
-#else
-constexpr const char* kLineBreak = "\n";
-#endif
-
 // The agent's history file; false when the agent's data root is unknown, so
 // that nothing is written outside it.
 bool ScanHistoryPath(std::wstring& path) {
@@ -42,14 +35,6 @@ bool ScanHistoryPath(std::wstring& path) {
     return true;
 }
 
-std::string JoinLines(const std::vector<std::string>& lines) {
-    std::string text;
-    for (const std::string& line : lines) {
-        text += line;
-        text += kLineBreak;
-    }
-    return text;
-}
 
 }  // namespace
 
@@ -83,7 +68,7 @@ void DiagnosticsManager::GenerateScanHistory() {
         }
 
         // Atomic: a crash half-way leaves the previous history, never a torn one.
-        if (!FileSystem::writeFileAtomically(path, JoinLines(lines))) {
+        if (!FileSystem::writeFileAtomically(path, zep::results::JoinHistoryText(lines))) {
             g_log.e(L"%s Unable to open file: %s for writing", kGenerateLabel, path);
         }
     } catch (...) {
@@ -145,7 +130,7 @@ bool DiagnosticsManager::UpdateStatusForLastLineInScanHistoryFile(const std::wst
         for (std::size_t i = 1; i < fields.size(); ++i) joined += L',' + fields[i];
         lines.back() = zep::text::EncodeFileName(joined);
 
-        if (!FileSystem::writeFileAtomically(path, JoinLines(lines))) {
+        if (!FileSystem::writeFileAtomically(path, zep::results::JoinHistoryText(lines))) {
             g_log.e(L"%s Unable to open file: %s for writing", kUpdateLabel, path);
             return false;
         }

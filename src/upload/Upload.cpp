@@ -9,6 +9,7 @@
 #include <json/json.h>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
+#include "platform/JsonText.h"
 #include "platform/ExceptionText.h"
 #include "platform/CommonBase.h"
 #include "platform/FileStorageAgent.h"
@@ -143,11 +144,8 @@ void DiagnosticsManager::GetMetadata(std::string& metadata, std::wstring& scanRe
         g_log.d(L"%s Error opening scan result file:%s", kMetadataLabel, filePath);
         return;
     }
-    Json::Value context;
-    Json::CharReaderBuilder reader;
-    std::string errors;
-    std::istringstream in(text);
-    if (!Json::parseFromStream(reader, in, &context, &errors)) context = Json::Value();
+    Json::Value context;  // null when the scan result does not parse
+    zep::json::Parse(text, context);
     description["context"] = context;
 
     metadata = Json::writeString(Json::StreamWriterBuilder(), description);
@@ -162,10 +160,7 @@ bool DiagnosticsManager::FetchVerifiedProvisionTokenFromBackUp(std::string& toke
         if (!FileSystem::readFile(ProvisionBackupPath(), bytes)) return false;
 
         Json::Value backup;
-        Json::CharReaderBuilder reader;
-        std::string errors;
-        std::istringstream in(String::UTF16ToUTF8(DecodeBackupText(bytes)));
-        if (!Json::parseFromStream(reader, in, &backup, &errors)) return false;
+        if (!zep::json::Parse(String::UTF16ToUTF8(DecodeBackupText(bytes)), backup)) return false;
 
         token.clear();
         if (backup.isObject()) {

@@ -1,3 +1,4 @@
+#include "platform/JsonText.h"
 #include "platform/posix/DeviceFolderEnv.h"
 
 #include <fcntl.h>
@@ -172,19 +173,11 @@ std::optional<std::uint64_t> UInt64Of(const Json::Value& object, const char* key
 std::shared_ptr<DeviceState> ParseDeviceJson(const std::string* bytes) {
     auto state = std::make_shared<DeviceState>();
     if (bytes == nullptr) return state;
-    Json::Value root;
-    try {
-        Json::CharReaderBuilder builder;
-        builder["failIfExtra"] = true;  // "{...} garbage" is a damaged file, not a device
-        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        std::string errors;
-        if (!reader->parse(bytes->data(), bytes->data() + bytes->size(), &root, &errors) || !root.isObject()) {
-            return state;
-        }
-    } catch (...) {
-        // JsonCpp throws on pathological nesting; that is a malformed file too.
-        return state;
-    }
+    zep::json::ParseOptions options;
+    options.failIfExtra = true;  // "{...} garbage" is a damaged file, not a device
+    const auto parsed = zep::json::ParseObject(*bytes, options);
+    if (!parsed) return state;
+    const Json::Value& root = *parsed;
 
     state->deviceId = TextOf(root, "deviceId");
     state->logicalDeviceId = TextOf(root, "logicalDeviceId");
@@ -524,13 +517,11 @@ public:
         std::string text;
         PosixFileSystem files;
         if (!files.ReadFile(path::FromFs(dir_ / "update-policy.json"), text)) return policy;
-        Json::CharReaderBuilder builder;
-        builder["stackLimit"] = 64;
-        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        Json::Value root;
-        std::string errors;
-        if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) || !root.isObject()) return policy;
-        const Json::Value& packages = root["packages"];
+        zep::json::ParseOptions options;
+        options.stackLimit = 64;
+        const auto root = zep::json::ParseObject(text, options);
+        if (!root) return policy;
+        const Json::Value& packages = (*root)["packages"];
         if (!packages.isArray()) return policy;
         for (const auto& entry : packages) {
             if (!entry.isObject() || !entry["id"].isString()) continue;

@@ -1,3 +1,4 @@
+#include "platform/JsonText.h"
 #include "platform/posix/FolderExtensions.h"
 
 #include <algorithm>
@@ -27,20 +28,10 @@ constexpr std::uintmax_t kMaxManifestBytes = 64 * 1024;
 // Strict: trailing garbage makes a damaged document, and deep nesting (which
 // JsonCpp would throw on) is refused as malformed.
 std::optional<Json::Value> ParseObject(std::string_view text) {
-    try {
-        Json::CharReaderBuilder builder;
-        builder["failIfExtra"] = true;
-        builder["stackLimit"] = 64;
-        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        Json::Value root;
-        std::string errors;
-        if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) || !root.isObject()) {
-            return std::nullopt;
-        }
-        return root;
-    } catch (...) {
-        return std::nullopt;
-    }
+    zep::json::ParseOptions options;
+    options.failIfExtra = true;
+    options.stackLimit = 64;
+    return zep::json::ParseObject(text, options);
 }
 
 std::optional<Json::Value> ReadObject(const fs::path& file) {

@@ -1,3 +1,4 @@
+#include "platform/JsonText.h"
 #include "platform/posix/PlatformPolicyFile.h"
 
 #include <fstream>
@@ -53,16 +54,12 @@ PlatformPolicy LoadPlatformPolicy(const std::filesystem::path& file) {
     try {
         std::string text;
         if (!ReadSmallFile(file, text)) return policy;
-        Json::CharReaderBuilder builder;
-        builder["stackLimit"] = 16;
-        builder["failIfExtra"] = true;
-        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        Json::Value parsed;
-        std::string errors;
-        if (!reader->parse(text.data(), text.data() + text.size(), &parsed, &errors) || !parsed.isObject()) {
-            return policy;
-        }
-        const Json::Value& root = parsed;  // const: lookups must not add members
+        zep::json::ParseOptions options;
+        options.stackLimit = 16;
+        options.failIfExtra = true;
+        const auto parsed = zep::json::ParseObject(text, options);
+        if (!parsed) return policy;
+        const Json::Value& root = *parsed;  // const: lookups must not add members
 
         SetText(root, "config_pull_triggers", &PlatformPolicy::set_config_pull_triggers, policy);
         SetText(root, "enterprise_auth_baseuri", &PlatformPolicy::set_enterprise_auth_baseuri, policy);

@@ -1,0 +1,28 @@
+// Parsing of JSON text for every document the module reads. JsonCpp throws
+// past its nesting limit; here that is one more malformed document.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <json/json.h>
+
+namespace zep::json {
+
+struct ParseOptions {
+    unsigned stackLimit = 1000;  // deepest nesting accepted
+    bool failIfExtra = false;    // text after the value makes the document malformed
+    bool strict = false;         // JsonCpp's strict mode (no duplicate keys, no comments, ...)
+};
+
+// Parses `text` into `value`. False, with the reader's message in `errors`
+// when given and `value` unchanged, when the text is not one JSON value.
+// Never throws.
+bool Parse(std::string_view text, Json::Value& value, std::string* errors = nullptr,
+           const ParseOptions& options = {});
+
+// The text's value when it parses and is an object.
+std::optional<Json::Value> ParseObject(std::string_view text, const ParseOptions& options = {});
+
+}  // namespace zep::json
