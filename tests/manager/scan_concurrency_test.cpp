@@ -1,15 +1,12 @@
-// Scans never overlap: concurrent callers take turns, and a request that
-// arrives during a scan waits for it.
+// Scans never overlap: concurrent callers take turns, a request during a scan waits for it.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
 
-#include "platform/Strings.h"
 #include "support/ManagerFixture.h"
 
 using namespace std::chrono_literals;
@@ -18,49 +15,25 @@ using zep::testing::ManagerTest;
 
 namespace {
 
-// Notes how many scans are between their first registry read (the time-out,
-// at the start of a scan) and their last (certificate pinning, at the end of
-// the health tests), and can hold a scan at its start until released.
+// Counts the scans between their first registry read (the time-out) and their
+// last (certificate pinning), and can hold a scan at its start.
 class ObservingRegistry : public zep::platform::MemoryRegistry {
 public:
     bool GetDword(Hive hive, const std::wstring& key, const std::wstring& name, DWORD& value) override {
         if (name == L"TimeoutInSeconds") {
             const int now = ++active;
-            int seen = maxActive.load();
-            while (now > seen && !maxActive.compare_exchange_weak(seen, now)) {
+            for (int seen = maxActive.load(); now > seen && !maxActive.compare_exchange_weak(seen, now);) {
             }
-            WaitIfHeld();
+            ++waiting;
+            while (held) std::this_thread::sleep_for(1ms);
             std::this_thread::sleep_for(2ms);  // widen the window an overlap would need
         } else if (name == L"certPinningError") {
             --active;
         }
         return MemoryRegistry::GetDword(hive, key, name, value);
     }
-    void Hold() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        held_ = true;
-    }
-    void Release() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            held_ = false;
-        }
-        changed_.notify_all();
-    }
-    std::atomic<int> active{0};
-    std::atomic<int> maxActive{0};
-    std::atomic<int> waiting{0};
-
-private:
-    void WaitIfHeld() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        ++waiting;
-        changed_.wait(lock, [this] { return !held_; });
-        --waiting;
-    }
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool held_ = false;
+    std::atomic<int> active{0}, maxActive{0}, waiting{0};
+    std::atomic<bool> held{false};
 };
 
 class ScanConcurrencyTest : public ManagerTest {
@@ -74,25 +47,24 @@ protected:
 };
 
 TEST_F(ScanConcurrencyTest, ConcurrentCallersNeverOverlapAndEveryScanRuns) {
-    constexpr int kCallers = 3;
-    constexpr int kScansEach = 4;
+    constexpr std::size_t kScans = 3 * 4;
     std::vector<std::thread> callers;
-    for (int c = 0; c < kCallers; ++c) {
+    for (int c = 0; c < 3; ++c) {
         callers.emplace_back([this] {
-            for (int i = 0; i < kScansEach; ++i) manager->StartDiagnosticsScan(211, std::nullopt);
+            for (int i = 0; i < 4; ++i) manager->StartDiagnosticsScan(211, std::nullopt);
         });
     }
     for (auto& caller : callers) caller.join();
     manager->WaitForScanToFinish();
 
-    EXPECT_EQ(ZepScans(), static_cast<std::size_t>(kCallers * kScansEach));
+    EXPECT_EQ(ZepScans(), kScans);
     EXPECT_EQ(registry->maxActive.load(), 1);
     const auto names = ScanNames();
-    EXPECT_EQ(std::set<std::wstring>(names.begin(), names.end()).size(), static_cast<std::size_t>(kCallers * kScansEach));
+    EXPECT_EQ(std::set<std::wstring>(names.begin(), names.end()).size(), kScans);
 }
 
 TEST_F(ScanConcurrencyTest, RequestArrivingDuringAScanWaitsForItToEnd) {
-    registry->Hold();
+    registry->held = true;
     manager->StartDiagnosticsScan(211, std::nullopt);
     while (registry->waiting.load() == 0) std::this_thread::sleep_for(1ms);
 
@@ -102,25 +74,20 @@ TEST_F(ScanConcurrencyTest, RequestArrivingDuringAScanWaitsForItToEnd) {
     EXPECT_EQ(ZepScans(), 0u) << "the first scan is held at its start";
     EXPECT_FALSE(std::filesystem::exists(ZipPath(L"second")));
 
-    registry->Release();
+    registry->held = false;
     platform.hub->WaitUntilIdle();
     manager->WaitForScanToFinish();
-    EXPECT_EQ(ZepScans(), 2u);
+    ASSERT_EQ(ZepScans(), 2u);
     EXPECT_TRUE(std::filesystem::exists(ZipPath(L"second")));
     EXPECT_EQ(registry->maxActive.load(), 1);
 
-    // The request was judged after the first scan and started the second one.
+    // The request was judged after the first scan had written its result.
     const auto messages = platform.log->Messages();
-    std::vector<std::size_t> starts;
-    for (std::size_t i = 0; i < messages.size(); ++i) {
-        if (messages[i] == "Starting Zep Diagnostics") starts.push_back(i);
-    }
-    ASSERT_EQ(starts.size(), 2u);
-    bool firstResultWrittenBetween = false;
-    for (std::size_t i = starts[0]; i < starts[1]; ++i) {
-        firstResultWrittenBetween |= messages[i].rfind("Json data written to file ", 0) == 0;
-    }
-    EXPECT_TRUE(firstResultWrittenBetween);
+    const std::string start = "Starting Zep Diagnostics";
+    const auto second = std::find(std::find(messages.begin(), messages.end(), start) + 1, messages.end(), start);
+    EXPECT_LT(std::find_if(messages.begin(), messages.end(),
+                           [](const std::string& m) { return m.rfind("Json data written to file ", 0) == 0; }),
+              second);
 }
 
 }  // namespace

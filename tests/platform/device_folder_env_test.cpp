@@ -1,316 +1,284 @@
 #include "platform/posix/DeviceFolderEnv.h"
 
-#include <stdlib.h>
+#include <sys/stat.h>
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <set>
 #include <string>
+#include <thread>
+#include <vector>
 
-#include "platform/InProcessHub.h"
 #include "platform/MemoryRegistry.h"
 #include "platform/Strings.h"
+#include "support/TestPlatform.h"
 
 namespace zep::platform {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using zep::testing::ReadText;
+using zep::testing::WriteText;
 
 constexpr std::uintmax_t kRotationBytes = 5u * 1024u * 1024u;
+constexpr const char* kDemoManifest =
+    R"({"id": "com.q.demo", "elevations": ["system", "elevated", "user"], "program": "run.sh"})";
 
-std::string Read(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-void Write(const fs::path& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << bytes;
-}
-
-// Writes beside `path` and renames over it, as editors and the agent do: the
-// new file may well have the old one's size and time stamp.
+// Written beside and renamed over, as editors and the agent do: the new file
+// may well have the old one's size and time stamp.
 void Replace(const fs::path& path, const std::string& bytes) {
-    const fs::path temporary = path.string() + ".new";
-    Write(temporary, bytes);
-    fs::rename(temporary, path);
+    WriteText(path.string() + ".new", bytes);
+    fs::rename(path.string() + ".new", path);
 }
 
-class DeviceFolderEnvTest : public ::testing::Test {
+std::set<std::string> Names(const fs::path& folder) {
+    std::set<std::string> names;
+    for (const auto& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename().string());
+    return names;
+}
+
+class DeviceFolderTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::string pattern = ::testing::TempDir() + "device-folder-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        dir = pattern;
-        env = MakeDeviceFolderEnv(text::DecodeFileName(dir.native()), hub);
+    DeviceFolderTest() {
+        InstallEnv(env);  // plug-ins run through the installed Env's processes
+        WriteText(zip, std::string("PK\x03\x04\0\xff", 6));
     }
-    void TearDown() override { fs::remove_all(dir); }
 
-    fs::path dir;
-    std::shared_ptr<InProcessHub> hub = std::make_shared<InProcessHub>();
-    Env env;
-};
-
-// ---- device.json ------------------------------------------------------------
-
-using DeviceJsonTest = DeviceFolderEnvTest;
-
-void ExpectAbsentDevice(const Env& env) {
-    EXPECT_EQ(env.device->DeviceId(), L"");
-    EXPECT_EQ(env.device->LogicalDeviceId(), L"");
-    EXPECT_EQ(env.device->AgentId(), L"");
-    EXPECT_EQ(env.device->ServiceVersion(), L"");
-    EXPECT_FALSE(env.device->IsRegistered());
-    EXPECT_FALSE(env.device->IsProvisioned());
-    EXPECT_FALSE(env.device->HasCommercialIntent());
-    DWORD flags = 7;
-    EXPECT_FALSE(env.network->IsInternetConnected(flags));
-    EXPECT_EQ(flags, 0u);
-    EXPECT_EQ(env.system->LoggedInUserSid(), L"");
-    EXPECT_FALSE(env.settings->EnableCustomSettings());
-    EXPECT_FALSE(env.settings->DisableJwtValidation());
-    EXPECT_EQ(env.agents->GetNotificationAgent(), nullptr);
-    ASSERT_NE(env.agents->GetCoreAdapter(), nullptr);
-    const auto certificate = env.agents->GetCoreAdapter()->GetRegisteredCertificate();
-    EXPECT_FALSE(certificate.isPresent);
-    EXPECT_EQ(certificate.thumbprint, "");
-    EXPECT_EQ(certificate.notAfter, "");
-}
-
-TEST_F(DeviceJsonTest, MissingFileGivesAnAbsentDevice) { ExpectAbsentDevice(env); }
-
-TEST_F(DeviceJsonTest, MalformedFilesGiveAnAbsentDevice) {
-    for (const char* text : {"{\"registered\": true", "[true]", "\"registered\"", "", "\xff\xfe{}",
-                             "{\"registered\": true} trailing"}) {
-        SCOPED_TRACE(text);
-        Replace(dir / "device.json", text);
-        ExpectAbsentDevice(env);
+    void ExpectAbsentDevice() {
+        EXPECT_EQ(env.device->DeviceId(), L"");
+        EXPECT_FALSE(env.device->IsRegistered());
+        DWORD flags = 7;
+        EXPECT_FALSE(env.network->IsInternetConnected(flags));
+        EXPECT_EQ(flags, 0u);
+        EXPECT_FALSE(env.settings->DisableJwtValidation());
+        EXPECT_EQ(env.agents->GetNotificationAgent(), nullptr);
+        EXPECT_FALSE(env.agents->GetCoreAdapter()->GetRegisteredCertificate().isPresent);
     }
-    // Deep nesting makes the parser throw rather than fail.
-    Replace(dir / "device.json", std::string(5000, '[') + std::string(5000, ']'));
-    ExpectAbsentDevice(env);
-}
-
-TEST_F(DeviceJsonTest, EveryKeyIsRead) {
-    Write(dir / "device.json", R"({
-        "deviceId": "Gerät-7C3E", "logicalDeviceId": "LD-4F2A9C", "agentId": "3f9d2c41",
-        "serviceVersion": "4.12.3.0", "registered": true, "provisioned": true, "commercialIntent": true,
-        "online": true, "loggedInUser": "S-1-5-21-1",
-        "certificate": {"present": true, "thumbprint": "4A7F", "notAfter": "2031-01-31T00:00:00Z"},
-        "notificationAgent": {"present": true, "mqttEnabled": false, "mqttState": 3,
-                              "disconnectExpected": true, "retriesExceeded": true},
-        "developerSettings": {"enableCustomSettings": true, "disableJwtValidation": true}})");
-
-    EXPECT_EQ(env.device->DeviceId(), L"Ger\u00e4t-7C3E");
-    EXPECT_EQ(env.device->LogicalDeviceId(), L"LD-4F2A9C");
-    EXPECT_EQ(env.device->AgentId(), L"3f9d2c41");
-    EXPECT_EQ(env.device->ServiceVersion(), L"4.12.3.0");
-    EXPECT_TRUE(env.device->IsRegistered());
-    EXPECT_TRUE(env.device->IsProvisioned());
-    EXPECT_TRUE(env.device->HasCommercialIntent());
-    DWORD flags = 0;
-    EXPECT_TRUE(env.network->IsInternetConnected(flags));
-    EXPECT_EQ(flags, 1u);
-    EXPECT_EQ(env.system->LoggedInUserSid(), L"S-1-5-21-1");
-    EXPECT_TRUE(env.settings->EnableCustomSettings());
-    EXPECT_TRUE(env.settings->DisableJwtValidation());
-
-    const auto certificate = env.agents->GetCoreAdapter()->GetRegisteredCertificate();
-    EXPECT_TRUE(certificate.isPresent);
-    EXPECT_EQ(certificate.thumbprint, "4A7F");
-    EXPECT_EQ(certificate.notAfter, "2031-01-31T00:00:00Z");
-
-    const auto agent = env.agents->GetNotificationAgent();
-    ASSERT_NE(agent, nullptr);
-    EXPECT_FALSE(agent->IsMqttEnabled());
-    EXPECT_EQ(agent->GetMqttConnectionState(), 3);
-    EXPECT_TRUE(agent->IsMqttDisconnectExpected());
-    EXPECT_TRUE(agent->AreMqttRetriesExceeded());
-}
-
-TEST_F(DeviceJsonTest, KeysOfTheWrongTypeFallBackAlone) {
-    Write(dir / "device.json", R"({"registered": "yes", "provisioned": true, "deviceId": 42,
-        "notificationAgent": {"present": true, "mqttState": "2"}, "certificate": []})");
-    EXPECT_FALSE(env.device->IsRegistered());
-    EXPECT_TRUE(env.device->IsProvisioned());
-    EXPECT_EQ(env.device->DeviceId(), L"");
-    const auto agent = env.agents->GetNotificationAgent();
-    ASSERT_NE(agent, nullptr);
-    EXPECT_TRUE(agent->IsMqttEnabled());  // absent: enabled
-    EXPECT_EQ(agent->GetMqttConnectionState(), 0);
-    EXPECT_FALSE(env.agents->GetCoreAdapter()->GetRegisteredCertificate().isPresent);
-}
-
-TEST_F(DeviceJsonTest, ChangesArePickedUp) {
-    const fs::path file = dir / "device.json";
-    Write(file, R"({"registered": false})");
-    EXPECT_FALSE(env.device->IsRegistered());
-
-    Write(file, R"({"registered": true, "online": true})");
-    EXPECT_TRUE(env.device->IsRegistered());
-    DWORD flags = 0;
-    EXPECT_TRUE(env.network->IsInternetConnected(flags));
-
-    // Same size, rewritten in place: only the modification time tells.
-    Write(file, R"({"deviceId": "AAAA"})");
-    EXPECT_EQ(env.device->DeviceId(), L"AAAA");
-    const auto stamp = fs::last_write_time(file);
-    Write(file, R"({"deviceId": "BBBB"})");
-    fs::last_write_time(file, stamp + std::chrono::seconds(1));
-    EXPECT_EQ(env.device->DeviceId(), L"BBBB");
-
-    // Same size and time stamp, but a new file renamed over the old one.
-    Replace(file, R"({"deviceId": "CCCC"})");
-    fs::last_write_time(file, stamp + std::chrono::seconds(1));
-    EXPECT_EQ(env.device->DeviceId(), L"CCCC");
-
-    // The agent components answer from the current file too.
-    Write(file, R"({"notificationAgent": {"present": true, "mqttState": 2}})");
-    const auto agent = env.agents->GetNotificationAgent();
-    ASSERT_NE(agent, nullptr);
-    EXPECT_EQ(agent->GetMqttConnectionState(), 2);
-    Write(file, R"({"notificationAgent": {"present": true, "mqttState": 1, "retriesExceeded": true}})");
-    EXPECT_EQ(agent->GetMqttConnectionState(), 1);
-    EXPECT_TRUE(agent->AreMqttRetriesExceeded());
-
-    fs::remove(file);
-    ExpectAbsentDevice(env);
-}
-
-// ---- registry.reg -------------------------------------------------------------
-
-using RegistryFileTest = DeviceFolderEnvTest;
-
-constexpr const char* kZepKey = "SOFTWARE\\Quorin\\ZEP";
-
-std::string RegText(const std::string& rateLimit) {
-    return "Windows Registry Editor Version 5.00\r\n\r\n"
-           "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Quorin\\ZEP]\r\n"
-           "\"GetDiagnosticsMqttRateLimit\"=dword:" +
-           rateLimit +
-           "\r\n"
-           "\"InstallDir\"=\"C:\\\\Program Files\\\\Quorin\"\r\n";
-}
-
-TEST_F(RegistryFileTest, MissingFileIsAnEmptyRegistry) {
-    DWORD value = 5;
-    EXPECT_FALSE(env.registry->KeyExists(Hive::LocalMachine, text::FromUtf8(kZepKey)));
-    EXPECT_FALSE(env.registry->GetDword(Hive::LocalMachine, text::FromUtf8(kZepKey), L"GetDiagnosticsMqttRateLimit",
-                                        value));
-    EXPECT_EQ(value, 5u);
-}
-
-TEST_F(RegistryFileTest, ValuesAreReadableAndFollowTheFile) {
-    const fs::path file = dir / "registry.reg";
-    const std::wstring key = text::FromUtf8(kZepKey);
-    Write(file, RegText("0000000a"));
-
-    DWORD value = 0;
-    ASSERT_TRUE(env.registry->GetDword(Hive::LocalMachine, key, L"GetDiagnosticsMqttRateLimit", value));
-    EXPECT_EQ(value, 10u);
-    std::wstring installDir;
-    ASSERT_TRUE(env.registry->GetString(Hive::LocalMachine, L"software\\quorin\\zep", L"InstallDir", installDir));
-    EXPECT_EQ(installDir, L"C:\\Program Files\\Quorin");
-    EXPECT_FALSE(env.registry->KeyExists(Hive::Users, key));
-
-    Write(file, RegText("0000003c"));  // same size
-    fs::last_write_time(file, fs::last_write_time(file) + std::chrono::seconds(1));
-    ASSERT_TRUE(env.registry->GetDword(Hive::LocalMachine, key, L"GetDiagnosticsMqttRateLimit", value));
-    EXPECT_EQ(value, 60u);
-
-    // The registry editor exports UTF-16 with a byte-order mark.
-    Replace(file, EncodeUtf16LeWithBom(text::FromUtf8(RegText("00000005"))));
-    ASSERT_TRUE(env.registry->GetDword(Hive::LocalMachine, key, L"GetDiagnosticsMqttRateLimit", value));
-    EXPECT_EQ(value, 5u);
-
-    fs::remove(file);
-    EXPECT_FALSE(env.registry->KeyExists(Hive::LocalMachine, key));
-}
-
-// ---- folders ------------------------------------------------------------------
-
-TEST_F(DeviceFolderEnvTest, FoldersLieInTheDeviceFolder) {
-    EXPECT_EQ(env.system->AppDataRoot(), std::nullopt);
-    fs::create_directory(dir / "programdata");
-    EXPECT_EQ(env.system->AppDataRoot(), text::DecodeFileName((dir / "programdata").native()));
-
-    const std::wstring temp = env.system->TempFolder();
-    EXPECT_EQ(temp, text::DecodeFileName((dir / "temp").native()) + L"/");
-    EXPECT_TRUE(fs::is_directory(dir / "temp"));
-
-    // A trailing separator on the device folder does not double the ones inside.
-    const Env slashed = MakeDeviceFolderEnv(text::DecodeFileName(dir.native()) + L"/", hub);
-    EXPECT_EQ(slashed.system->TempFolder(), temp);
-    EXPECT_EQ(slashed.system->AppDataRoot(), env.system->AppDataRoot());
-}
-
-// ---- logs ---------------------------------------------------------------------
-
-class LogFolderTest : public DeviceFolderEnvTest {
-protected:
     fs::path LogPath(const std::string& suffix = "") const {
         return dir / "programdata" / "Log" / ("ZEPDiagnostics.log" + suffix);
     }
-    // A log that is one byte short of rotating, plus older rotated files.
-    void PrepareFullLog(int olderFiles) {
-        fs::create_directories(LogPath().parent_path());
-        Write(LogPath(), "");
-        fs::resize_file(LogPath(), kRotationBytes - 1);
-        for (int n = 1; n <= olderFiles; ++n) Write(LogPath("." + std::to_string(n)), "file " + std::to_string(n));
+    int Upload() { return env.storage->UploadDiagResult(zip.string(), false, "{}", ""); }
+    // plugins/demo with its manifest and run.sh as its program.
+    fs::path Plugin(const std::string& manifest, const std::string& script = "") {
+        const fs::path folder = dir / "plugins" / "demo";
+        WriteText(folder / "plugin.json", manifest);
+        WriteText(folder / "run.sh", "#!/bin/sh\n" + script);
+        ::chmod((folder / "run.sh").c_str(), 0755);
+        return folder;
     }
+    DiagnosticsOperationResult Send() {
+        return env.extensions->SendDiagnosticCommandToTargets(L"com.q.demo", L"/d", User);
+    }
+
+    zep::testing::TestPlatform platform;
+    const fs::path dir = platform.rootPath;
+    const fs::path file = dir / "device.json";
+    const fs::path zip = dir / "LD-1_scan-7.zip";
+    Env env = MakeDeviceFolderEnv(platform.root, platform.hub);
 };
 
-TEST_F(LogFolderTest, AppendsLinesInTheLogFolder) {
-    auto sink = env.logs->OpenLog("ZEPDiagnostics.log", 4);
-    ASSERT_NE(sink, nullptr);
-    sink->Write("first\n");
-    sink.reset();
-    sink = env.logs->OpenLog("ZEPDiagnostics.log", 4);
-    ASSERT_NE(sink, nullptr);
-    sink->Write("second\n");
-    EXPECT_EQ(Read(LogPath()), "first\nsecond\n");
-
-    EXPECT_EQ(env.logs->OpenLog("../escape.log", 4), nullptr);
-    EXPECT_EQ(env.logs->OpenLog("", 4), nullptr);
+TEST_F(DeviceFolderTest, MissingOrMalformedDeviceJsonGivesAnAbsentDevice) {
+    ExpectAbsentDevice();
+    using namespace std::string_literals;
+    for (const auto& text : {"{\"registered\": true"s, "[true]"s, ""s, "{\"registered\": true} trailing"s,
+                             std::string(5000, '[') + std::string(5000, ']')}) {  // the parser throws
+        Replace(file, text);
+        ExpectAbsentDevice();
+    }
 }
 
-TEST_F(LogFolderTest, RotatesAtFiveMebibytesWithoutSplittingLines) {
+TEST_F(DeviceFolderTest, DeviceJsonChangesArePickedUp) {
+    // Same size, rewritten in place: only the modification time tells.
+    WriteText(file, R"({"deviceId": "AAAA"})");
+    EXPECT_EQ(env.device->DeviceId(), L"AAAA");
+    const auto stamp = fs::last_write_time(file);
+    WriteText(file, R"({"deviceId": "BBBB"})");
+    fs::last_write_time(file, stamp + 1s);
+    EXPECT_EQ(env.device->DeviceId(), L"BBBB");
+    // Same size and time stamp, but a new file renamed over the old one.
+    Replace(file, R"({"deviceId": "CCCC"})");
+    fs::last_write_time(file, stamp + 1s);
+    EXPECT_EQ(env.device->DeviceId(), L"CCCC");
+    fs::remove(file);
+    ExpectAbsentDevice();
+}
+
+TEST_F(DeviceFolderTest, RegistryFileIsReloadedInEitherEncoding) {
+    const fs::path reg = dir / "registry.reg";
+    const std::string header = "Windows Registry Editor Version 5.00\r\n\r\n"
+                               "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Quorin\\ZEP]\r\n\"GetDiagnosticsMqttRateLimit\"=dword:";
+    const auto rateLimit = [this] {
+        DWORD value = 0;
+        return env.registry->GetDword(Hive::LocalMachine, L"software\\quorin\\zep", L"GetDiagnosticsMqttRateLimit",
+                                      value) ? value : 999u;
+    };
+    WriteText(reg, header + "0000000a\r\n");
+    EXPECT_EQ(rateLimit(), 10u);
+    WriteText(reg, header + "0000003c\r\n");  // same size
+    fs::last_write_time(reg, fs::last_write_time(reg) + 1s);
+    EXPECT_EQ(rateLimit(), 60u);
+    Replace(reg, EncodeUtf16LeWithBom(text::FromUtf8(header + "00000005\r\n")));  // as the registry editor exports
+    EXPECT_EQ(rateLimit(), 5u);
+    fs::remove(reg);
+    EXPECT_EQ(rateLimit(), 999u);
+}
+
+TEST_F(DeviceFolderTest, LogRotatesAtFiveMebibytesWithoutSplittingLines) {
+    EXPECT_EQ(env.logs->OpenLog("../escape.log", 4), nullptr);
     auto sink = env.logs->OpenLog("ZEPDiagnostics.log", 4);
     ASSERT_NE(sink, nullptr);
     const std::string line = std::string(1023, 'x') + "\n";
     const std::uintmax_t lines = 6 * 1024;
     for (std::uintmax_t i = 0; i < lines; ++i) sink->Write(line);
-
-    const auto current = fs::file_size(LogPath());
     const auto rotated = fs::file_size(LogPath(".1"));
     EXPECT_LE(rotated, kRotationBytes);
     EXPECT_GT(rotated, kRotationBytes - line.size());
-    EXPECT_EQ(current + rotated, lines * line.size());
     EXPECT_EQ(rotated % line.size(), 0u);
+    EXPECT_EQ(fs::file_size(LogPath()) + rotated, lines * line.size());
     EXPECT_FALSE(fs::exists(LogPath(".2")));
 }
 
-TEST_F(LogFolderTest, RotationShiftsOlderFilesAndKeepsMaxFiles) {
-    PrepareFullLog(2);
-    auto sink = env.logs->OpenLog("ZEPDiagnostics.log", 3);
-    ASSERT_NE(sink, nullptr);
-    sink->Write("after rotation\n");
-
-    EXPECT_EQ(Read(LogPath()), "after rotation\n");
+TEST_F(DeviceFolderTest, RotationShiftsOlderFilesAndKeepsMaxFiles) {
+    WriteText(LogPath(), "");
+    fs::resize_file(LogPath(), kRotationBytes - 1);  // one byte short of rotating
+    WriteText(LogPath(".1"), "file 1");
+    WriteText(LogPath(".2"), "file 2");
+    env.logs->OpenLog("ZEPDiagnostics.log", 3)->Write("after rotation\n");
+    EXPECT_EQ(ReadText(LogPath()), "after rotation\n");
     EXPECT_EQ(fs::file_size(LogPath(".1")), kRotationBytes - 1);
-    EXPECT_EQ(Read(LogPath(".2")), "file 1");
-    EXPECT_FALSE(fs::exists(LogPath(".3")));  // the old .2 was the oldest of three
+    EXPECT_EQ(ReadText(LogPath(".2")), "file 1");
+    EXPECT_FALSE(fs::exists(LogPath(".3")));
 }
 
-TEST_F(LogFolderTest, SingleFileLogStartsOver) {
-    PrepareFullLog(0);
-    auto sink = env.logs->OpenLog("ZEPDiagnostics.log", 1);
-    ASSERT_NE(sink, nullptr);
-    sink->Write("after rotation\n");
-    EXPECT_EQ(Read(LogPath()), "after rotation\n");
-    EXPECT_FALSE(fs::exists(LogPath(".1")));
+TEST_F(DeviceFolderTest, EachUploadGetsTheNumberAfterTheHighest) {
+    ASSERT_EQ(Upload(), 0);
+    ASSERT_EQ(Upload(), 0);
+    EXPECT_EQ(Names(dir / "outbox"), (std::set<std::string>{"0001", "0002"}));
+    EXPECT_EQ(ReadText(dir / "outbox/0001/LD-1_scan-7.zip"), ReadText(zip));
+    // A gap is never filled, whatever else lies below.
+    fs::remove_all(dir / "outbox/0001");
+    fs::create_directory(dir / "outbox/0012");
+    fs::create_directory(dir / "outbox/notes");
+    ASSERT_EQ(Upload(), 0);
+    EXPECT_TRUE(fs::is_regular_file(dir / "outbox/0013/LD-1_scan-7.zip"));
+}
+
+// Envs of their own share no lock: only the exclusive creation keeps folders apart.
+TEST_F(DeviceFolderTest, ConcurrentUploadsNeverShareAFolder) {
+    constexpr int kThreads = 8, kEach = 25;
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            const Env own = MakeDeviceFolderEnv(platform.root, platform.hub);
+            for (ready.fetch_add(1); ready.load() < kThreads;) std::this_thread::yield();  // start together
+            for (int i = 0; i < kEach; ++i) {
+                EXPECT_EQ(own.storage->UploadDiagResult(zip.string(), false, std::to_string(t * 100 + i), ""), 0);
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    std::set<std::string> metadata;
+    for (const auto& folder : Names(dir / "outbox")) {
+        metadata.insert(ReadText(dir / "outbox" / folder / "LD-1_scan-7.zip.metadata.json"));
+    }
+    EXPECT_EQ(metadata.size(), std::size_t{kThreads * kEach});
+}
+
+TEST_F(DeviceFolderTest, ForcedResultsAreTakenOneLinePerUploadAndNoTokenIsWritten) {
+    WriteText(dir / "upload-results", "429\n\n0\n");
+    EXPECT_EQ(Upload(), 429);
+    EXPECT_FALSE(fs::exists(dir / "outbox/0001"));  // nothing was uploaded
+    EXPECT_EQ(ReadText(dir / "upload-results"), "\n0\n");
+    const std::string metadata = "{\r\n\t\"note\": \"Gr\xc3\xbc\xc3\x9f\"   }";  // not re-serialised
+    EXPECT_EQ(env.storage->UploadDiagResult(zip.string(), true, metadata, "eyJ0.secret-payload.sig"), 0);
+    EXPECT_EQ(ReadText(dir / "outbox/0001/LD-1_scan-7.zip.metadata.json"), metadata);
+    for (const auto& name : Names(dir / "outbox/0001")) {  // the token is never written
+        EXPECT_EQ(ReadText(dir / "outbox/0001" / name).find("secret-payload"), std::string::npos) << name;
+    }
+    EXPECT_FALSE(fs::exists(dir / "upload-results"));
+
+    WriteText(dir / "upload-results", "busy\n");  // a typo must not pass for a success
+    EXPECT_EQ(Upload(), 1);
+    const std::string failed = ReadText(dir / "outbox/failed.log");
+    ASSERT_EQ(failed.size(), 80u) << failed;  // each line starts with a 20-character UTC time
+    EXPECT_EQ(failed.substr(20, 21), ",LD-1_scan-7.zip,429\n");
+    EXPECT_EQ(failed.substr(61), ",LD-1_scan-7.zip,1\n");
+}
+
+TEST_F(DeviceFolderTest, ResolvesRunningInstancesOfAValidPluginFolderOnly) {
+    Plugin(kDemoManifest);
+    std::wstring id;
+    std::vector<ElevationType> elevations;
+    const auto resolve = [&](const std::wstring& target) {
+        return env.extensions->TryResolveGetDiagnosticsElevations(target, id, elevations);
+    };
+    ASSERT_TRUE(resolve(L"DeMo"));  // targets arrive in any letter case
+    EXPECT_EQ(id, L"com.q.demo");
+    EXPECT_THAT(elevations, ::testing::ElementsAre(Elevated, User));  // listed order; no system instance runs
+
+    const char* const invalid[] = {
+        "{ not json",
+        R"({"id": "a", "elevations": ["user"], "program": "p"} extra)",
+        R"({"elevations": ["user"], "program": "p"})",
+        R"({"id": "a", "elevations": ["user"]})",
+        R"({"id": "a", "elevations": [], "program": "p"})",
+        R"({"id": "a", "elevations": ["elevated"], "running": false, "program": "p"})",
+        R"({"id": "a", "elevations": ["system"], "program": "p"})",
+    };
+    for (const char* manifest : invalid) {
+        Plugin(manifest);
+        EXPECT_FALSE(resolve(L"demo")) << manifest;
+    }
+    // A target names a folder below plugins/, never a path.
+    Plugin(kDemoManifest);
+    for (const char* folder : {"outside", "plugins/demo/nested", "plugins"}) {
+        WriteText(dir / folder / "plugin.json", kDemoManifest);
+    }
+    for (const wchar_t* target : {L"absent", L"../outside", L"..\\outside", L"..", L"", L"demo/nested", L"/tmp"}) {
+        EXPECT_FALSE(resolve(target)) << text::ToUtf8(target);
+    }
+}
+
+TEST_F(DeviceFolderTest, SendOutcomeFollowsExitStatusAndTimeOut) {
+    WriteText(dir / "device.json", R"({"pluginTimeoutSeconds": 1})");
+    const fs::path folder = Plugin(kDemoManifest, "exit \"$(cat \"$(dirname \"$0\")/status\")\"\n");
+    WriteText(folder / "status", "0");
+    DiagnosticsOperationResult result = Send();
+    EXPECT_TRUE(result.delivered && result.isSuccess && !result.timeout);
+    WriteText(folder / "status", "3");
+    result = Send();
+    EXPECT_TRUE(result.delivered && !result.isSuccess && !result.timeout);
+
+    Plugin(kDemoManifest, "sleep 20\n");
+    const auto start = std::chrono::steady_clock::now();
+    result = Send();
+    EXPECT_TRUE(result.timeout && !result.delivered && !result.isSuccess);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 900ms);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+
+    Plugin(R"({"id": "com.q.demo", "elevations": ["user"], "program": "nowhere.sh"})");
+    result = Send();
+    EXPECT_FALSE(result.delivered || result.isSuccess || result.timeout);
+}
+
+TEST_F(DeviceFolderTest, DeletePreferenceIsTheLastAnswerOnStandardOutput) {
+    const fs::path folder = Plugin(kDemoManifest, "cat \"$(dirname \"$0\")/answer\"\n");
+    const std::pair<const char*, bool> cases[] = {
+        {"{\n\t\"deleteFilesOnUpload\" : true\n}\n", true},
+        {"collecting...\n{\"deleteFilesOnUpload\": true}\n", true},
+        {"{\"deleteFilesOnUpload\": true}\n{\"deleteFilesOnUpload\": false}\n", false},
+        {R"({"deleteFilesOnUpload": "true"})", false},
+    };
+    for (const auto& [output, expected] : cases) {
+        WriteText(folder / "answer", output);
+        EXPECT_EQ(Send().deleteFilesOnUpload, expected) << output;
+    }
 }
 
 }  // namespace

@@ -10,11 +10,9 @@
 
 namespace {
 
-TEST(LogConcurrencyTest, LinesFromSeveralThreadsStayWhole) {
-    constexpr int kThreads = 4;
-    constexpr int kLinesPerThread = 500;
+TEST(LogConcurrencyTest, LinesFromSeveralThreadsStayWholeAndInEachWritersOrder) {
+    constexpr int kThreads = 4, kLinesPerThread = 500;
     zep::testing::TestPlatform platform;
-
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([t] {
@@ -25,20 +23,14 @@ TEST(LogConcurrencyTest, LinesFromSeveralThreadsStayWhole) {
     }
     for (auto& thread : threads) thread.join();
 
-    const auto lines = platform.log->Lines();
-    ASSERT_EQ(lines.size(), static_cast<std::size_t>(kThreads * kLinesPerThread));
-
-    const std::regex whole(
-        R"(2026-11-21T10:15:30\.000Z \[d\] \[\d+\] writer ([0-3]) line (\d+) ([a-d])\3{39}\n)");
+    const std::regex whole(R"(2026-11-21T10:15:30\.000Z \[d\] \[\d+\] writer ([0-3]) line (\d+) ([a-d])\3{39}\n)");
     std::vector<int> next(kThreads, 0);
-    for (const auto& line : lines) {
+    for (const auto& line : platform.log->Lines()) {
         std::smatch match;
         ASSERT_TRUE(std::regex_match(line, match, whole)) << line;
-        const int writer = std::stoi(match[1].str());
-        // Each writer's own lines arrive in the order it wrote them.
-        EXPECT_EQ(std::stoi(match[2].str()), next[static_cast<std::size_t>(writer)]) << line;
-        EXPECT_EQ(match[3].str()[0], static_cast<char>('a' + writer)) << line;
-        ++next[static_cast<std::size_t>(writer)];
+        const auto writer = static_cast<std::size_t>(std::stoi(match[1].str()));
+        EXPECT_EQ(std::stoi(match[2].str()), next[writer]++) << line;
+        EXPECT_EQ(match[3].str()[0], static_cast<char>('a' + static_cast<int>(writer))) << line;
     }
     for (int count : next) EXPECT_EQ(count, kLinesPerThread);
 }

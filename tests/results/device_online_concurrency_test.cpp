@@ -1,6 +1,5 @@
 // A resumed upload never overlaps a scan: the device-online notification waits
 // for the running scan and then sees the history line that scan wrote.
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -42,10 +41,8 @@ public:
         changed_.wait(lock, [this] { return held_; });
     }
     void Release() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            released_ = true;
-        }
+        std::lock_guard<std::mutex> lock(mutex_);
+        released_ = true;
         changed_.notify_all();
     }
     bool IsScanThread() {
@@ -107,8 +104,7 @@ TEST_F(DeviceOnlineConcurrencyTest, TheResumeWaitsForTheRunningScanAndCompletesI
     manager->WaitForScanToFinish();
     platform.hub->WaitUntilIdle();
 
-    // The resume found the scan's own pending line, uploaded its zip and
-    // recorded the success; the earlier line is no longer last.
+    // The resume found the scan's own pending line, not the earlier one.
     const auto names = ScanNames();
     ASSERT_EQ(names.size(), 1u);
     const auto uploads = platform.storage->Uploads();

@@ -50,9 +50,7 @@ std::vector<platform::ProcessRequest> RecordingProcess::Spawns() const {
     return spawns_;
 }
 
-std::shared_ptr<platform::LogSink> MemoryLog::OpenLog(const std::string& fileName, int maxFiles) {
-    openedName = fileName;
-    openedMaxFiles = maxFiles;
+std::shared_ptr<platform::LogSink> MemoryLog::OpenLog(const std::string& /*fileName*/, int /*maxFiles*/) {
     // The sink is this object; the caller's shared_ptr must not delete it.
     return std::shared_ptr<platform::LogSink>(static_cast<platform::LogSink*>(this), [](platform::LogSink*) {});
 }

@@ -275,8 +275,6 @@ public:
     bool Contains(const std::string& text) const;
     std::size_t Count(const std::string& text) const;
     void Clear();
-    std::string openedName;
-    int openedMaxFiles = 0;
 
 private:
     mutable std::mutex mutex_;
