@@ -6,9 +6,9 @@
 #include <string>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
-#include "platform/Log.h"
-#include "platform/Strings.h"
-#include "platform/CommonBase.h"
+#include "platform/agent/Log.h"
+#include "platform/util/Strings.h"
+#include "platform/agent/CommonBase.h"
 #include "results/ProblemSignature.h"
 #include "results/ResultFormat.h"
 #include "support/ManagerPeer.h"

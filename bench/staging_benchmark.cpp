@@ -37,9 +37,9 @@
 #include <vector>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
-#include "platform/Env.h"
-#include "platform/InProcessHub.h"
-#include "platform/Strings.h"
+#include "platform/env/Env.h"
+#include "platform/device/InProcessHub.h"
+#include "platform/util/Strings.h"
 #include "platform/posix/DeviceFolderEnv.h"
 
 namespace {

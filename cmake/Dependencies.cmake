@@ -19,3 +19,6 @@ elseif(TARGET jsoncpp_lib)
 else()
   set(ZEP_JSONCPP jsoncpp_static)
 endif()
+
+# What the module links, on every system.
+set(ZEP_MODULE_LIBS ${ZEP_JSONCPP} fmt::fmt utf8::cpp OpenSSL::Crypto Threads::Threads ${ZEP_BACKEND_LIBS})

@@ -10,7 +10,7 @@
 
 #include <zip.h>
 
-#include "platform/Strings.h"
+#include "platform/util/Strings.h"
 
 namespace zepdiag {
 namespace {

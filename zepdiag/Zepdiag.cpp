@@ -17,10 +17,10 @@
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
 #include "Summary.h"
-#include "platform/Env.h"
-#include "platform/InProcessHub.h"
-#include "platform/Strings.h"
-#include "platform/ZEPNotificationData.h"
+#include "platform/env/Env.h"
+#include "platform/device/InProcessHub.h"
+#include "platform/util/Strings.h"
+#include "platform/agent/ZEPNotificationData.h"
 #include "platform/posix/DeviceFolderEnv.h"
 
 namespace {

@@ -16,7 +16,7 @@
 #include "DiagnosticScanner/Export.h"
 #include "DiagnosticScanner/IDiagnosticsGenerator.h"
 #include "DiagnosticScanner/Tests.h"
-#include "platform/FileStorageAgent.h"
+#include "platform/agent/FileStorageAgent.h"
 
 class ZEPNotificationData;
 namespace Json {

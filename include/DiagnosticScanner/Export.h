@@ -3,7 +3,9 @@
 #pragma once
 
 #if defined(_WIN32)
-#if defined(DIAGSCANNER_EXPORTS)
+#if defined(DIAGSCANNER_STATIC)
+#define DIAGSCANNER_API
+#elif defined(DIAGSCANNER_EXPORTS)
 #define DIAGSCANNER_API __declspec(dllexport)
 #else
 #define DIAGSCANNER_API __declspec(dllimport)

@@ -8,8 +8,8 @@
 #include <string>
 
 #include "DiagnosticScanner/Export.h"
-#include "platform/ExtensionEnv.h"
-#include "platform/FileStorageAgent.h"
+#include "platform/env/ExtensionEnv.h"
+#include "platform/agent/FileStorageAgent.h"
 
 class DiagnosticsManager;
 namespace Json {

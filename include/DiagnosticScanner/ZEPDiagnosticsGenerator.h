@@ -6,7 +6,7 @@
 
 #include "DiagnosticScanner/Export.h"
 #include "DiagnosticScanner/IDiagnosticsGenerator.h"
-#include "platform/WinTypes.h"
+#include "platform/agent/WinTypes.h"
 
 namespace zep {
 class AgentFactory;

@@ -5,10 +5,10 @@
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "artifacts/PowerShellCollection.h"
-#include "platform/JsonText.h"
-#include "platform/CommonBase.h"
-#include "platform/Paths.h"
-#include "platform/ZEPShared.h"
+#include "platform/util/JsonText.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/util/Paths.h"
+#include "platform/agent/ZEPShared.h"
 
 using zep::path::kSeparator;
 using zep::path::NativePath;

@@ -1,6 +1,6 @@
 #include "artifacts/FileCount.h"
 
-#include "platform/Env.h"
+#include "platform/env/Env.h"
 
 namespace zep::artifacts {
 

@@ -1,8 +1,8 @@
 // Where a scan's files lie: the persistent diagnostics tree under the agent's
 // data root and the temporary component tree.
 #include "DiagnosticScanner/DiagnosticsManager.h"
-#include "platform/CommonBase.h"
-#include "platform/Paths.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/util/Paths.h"
 
 using zep::path::NativePath;
 

@@ -3,8 +3,8 @@
 #include <vector>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
-#include "platform/CommonBase.h"
-#include "platform/Paths.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/util/Paths.h"
 
 namespace {
 

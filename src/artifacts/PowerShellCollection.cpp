@@ -2,9 +2,9 @@
 
 #include "artifacts/PowerShellCommands.h"
 #include "artifacts/ZipNames.h"
-#include "platform/CommonBase.h"
-#include "platform/Env.h"
-#include "platform/Paths.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/env/Env.h"
+#include "platform/util/Paths.h"
 
 namespace zep::artifacts {
 

@@ -5,7 +5,7 @@
 
 #include <memory>
 
-#include "platform/CollectionEnv.h"
+#include "platform/env/CollectionEnv.h"
 
 namespace zep::artifacts {
 

@@ -5,8 +5,8 @@
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "artifacts/FileCount.h"
-#include "platform/CommonBase.h"
-#include "platform/Paths.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/util/Paths.h"
 
 using zep::path::kSeparator;
 

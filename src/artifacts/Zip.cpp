@@ -6,8 +6,8 @@
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "artifacts/PowerShellCollection.h"
 #include "artifacts/ZipNames.h"
-#include "platform/CommonBase.h"
-#include "platform/Paths.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/util/Paths.h"
 
 namespace {
 constexpr const char* kCreateZip = "DiagnosticsManager::CreateZip";

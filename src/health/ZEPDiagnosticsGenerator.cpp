@@ -1,8 +1,8 @@
 #include "DiagnosticScanner/ZEPDiagnosticsGenerator.h"
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
-#include "platform/CommonBase.h"
-#include "platform/ZEPShared.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/agent/ZEPShared.h"
 
 using zep::diagnostics::Tests;
 

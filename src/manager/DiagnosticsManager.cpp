@@ -1,8 +1,8 @@
 // The singleton, its construction and start-up.
 #include "DiagnosticScanner/DiagnosticsManager.h"
 
-#include "platform/CommonBase.h"
-#include "platform/ZEPShared.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/agent/ZEPShared.h"
 
 std::atomic<DiagnosticsManager*> DiagnosticsManager::_diagnosticsManager{nullptr};
 std::mutex DiagnosticsManager::_instanceMutex;

@@ -6,10 +6,10 @@
 #include <json/json.h>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
-#include "platform/JsonText.h"
-#include "platform/CommonBase.h"
-#include "platform/Env.h"
-#include "platform/ZEPShared.h"
+#include "platform/util/JsonText.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/env/Env.h"
+#include "platform/agent/ZEPShared.h"
 
 namespace {
 

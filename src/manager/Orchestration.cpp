@@ -7,10 +7,10 @@
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "DiagnosticScanner/ZEPDiagnosticsGenerator.h"
 #include "manager/ScanName.h"
-#include "platform/ExceptionText.h"
-#include "platform/CommonBase.h"
-#include "platform/Env.h"
-#include "platform/Paths.h"
+#include "platform/util/ExceptionText.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/env/Env.h"
+#include "platform/util/Paths.h"
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <array>
 #include <cstdio>
 
-#include "platform/Strings.h"
+#include "platform/util/Strings.h"
 
 namespace zep::manager {
 namespace {

@@ -5,10 +5,10 @@
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "artifacts/PowerShellCollection.h"
 #include "manager/ScanName.h"
-#include "platform/AgentPolicies.h"
-#include "platform/CommonBase.h"
-#include "platform/Env.h"
-#include "platform/Paths.h"
+#include "platform/agent/AgentPolicies.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/env/Env.h"
+#include "platform/util/Paths.h"
 
 using zep::path::kSeparator;
 

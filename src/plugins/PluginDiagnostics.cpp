@@ -1,6 +1,6 @@
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
-#include "platform/Env.h"
+#include "platform/env/Env.h"
 
 void DiagnosticsManager::GeneratePluginDiagnosticsForMqttTarget(const std::wstring& target) {
     PluginDiagnosticsProcessor::GeneratePluginDiagnosticsForMqttTarget(*this, target);

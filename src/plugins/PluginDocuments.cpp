@@ -11,11 +11,11 @@
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
-#include "platform/JsonText.h"
-#include "platform/CommonBase.h"
-#include "platform/ExceptionText.h"
-#include "platform/Paths.h"
-#include "platform/Strings.h"
+#include "platform/util/JsonText.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/util/ExceptionText.h"
+#include "platform/util/Paths.h"
+#include "platform/util/Strings.h"
 #include "results/ProblemSignature.h"
 
 namespace {

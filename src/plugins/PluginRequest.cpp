@@ -8,11 +8,11 @@
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
 #include "manager/ScanName.h"
-#include "platform/CommonBase.h"
-#include "platform/ExceptionText.h"
-#include "platform/ExtensionModule.h"
-#include "platform/FileStorageAgent.h"
-#include "platform/Paths.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/util/ExceptionText.h"
+#include "platform/agent/ExtensionModule.h"
+#include "platform/agent/FileStorageAgent.h"
+#include "platform/util/Paths.h"
 #include "plugins/UploadRetry.h"
 
 namespace {

@@ -13,12 +13,12 @@
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
 #include "artifacts/PowerShellCollection.h"
-#include "platform/JsonText.h"
-#include "platform/CommonBase.h"
-#include "platform/ExceptionText.h"
-#include "platform/FileStorageAgent.h"
-#include "platform/Paths.h"
-#include "platform/Strings.h"
+#include "platform/util/JsonText.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/util/ExceptionText.h"
+#include "platform/agent/FileStorageAgent.h"
+#include "platform/util/Paths.h"
+#include "platform/util/Strings.h"
 #include "plugins/UploadRetry.h"
 
 namespace {

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "platform/FileStorageAgent.h"
+#include "platform/agent/FileStorageAgent.h"
 
 class DiagnosticsManager;
 

@@ -8,7 +8,7 @@
 #include <json/json.h>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
-#include "platform/CommonBase.h"
+#include "platform/agent/CommonBase.h"
 #include "results/ResultFormat.h"
 
 namespace {

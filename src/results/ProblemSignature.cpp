@@ -4,7 +4,7 @@
 #include <sstream>
 #include <utility>
 
-#include "platform/Log.h"
+#include "platform/agent/Log.h"
 
 namespace zep::results {
 namespace {

@@ -7,7 +7,7 @@
 #include <fmt/printf.h>
 #include <fmt/xchar.h>
 
-#include "platform/Strings.h"
+#include "platform/util/Strings.h"
 
 namespace zep::results {
 

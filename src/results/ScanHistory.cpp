@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
-#include "platform/ExceptionText.h"
-#include "platform/CommonBase.h"
-#include "platform/Paths.h"
-#include "platform/Strings.h"
+#include "platform/util/ExceptionText.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/util/Paths.h"
+#include "platform/util/Strings.h"
 #include "results/ProblemSignature.h"
 
 namespace {

@@ -8,8 +8,8 @@
 #include <json/json.h>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
-#include "platform/CommonBase.h"
-#include "platform/Paths.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/util/Paths.h"
 #include "results/ProblemSignature.h"
 
 namespace {

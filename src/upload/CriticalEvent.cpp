@@ -4,9 +4,9 @@
 #include <string>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
-#include "platform/ExceptionText.h"
-#include "platform/CommonBase.h"
-#include "platform/FileStorageAgent.h"
+#include "platform/util/ExceptionText.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/agent/FileStorageAgent.h"
 
 namespace {
 constexpr const char* kLabel = "DiagnosticsManager::LogCriticalEvent";

@@ -9,11 +9,11 @@
 #include <json/json.h>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
-#include "platform/JsonText.h"
-#include "platform/ExceptionText.h"
-#include "platform/CommonBase.h"
-#include "platform/FileStorageAgent.h"
-#include "platform/Paths.h"
+#include "platform/util/JsonText.h"
+#include "platform/util/ExceptionText.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/agent/FileStorageAgent.h"
+#include "platform/util/Paths.h"
 
 namespace {
 constexpr const char* kUploadLabel = "DiagnosticsManager::UploadDiagnosticsResults";

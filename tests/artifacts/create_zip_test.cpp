@@ -6,8 +6,8 @@
 #include <gtest/gtest.h>
 
 #include "artifacts/PowerShellCollection.h"
-#include "platform/Paths.h"
-#include "platform/Strings.h"
+#include "platform/util/Paths.h"
+#include "platform/util/Strings.h"
 #include "support/ManagerFixture.h"
 
 namespace {

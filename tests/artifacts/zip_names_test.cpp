@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/Strings.h"
+#include "platform/util/Strings.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/Strings.h"
+#include "platform/util/Strings.h"
 #include "support/ManagerFixture.h"
 
 using namespace std::chrono_literals;

@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 
 #include "DiagnosticScanner/ZEPDiagnosticsGenerator.h"
-#include "platform/Paths.h"
-#include "platform/Strings.h"
+#include "platform/util/Paths.h"
+#include "platform/util/Strings.h"
 #include "support/ManagerFixture.h"
 #include "support/ZipReader.h"
 

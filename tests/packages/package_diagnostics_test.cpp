@@ -5,8 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/Paths.h"
-#include "platform/Strings.h"
+#include "platform/util/Paths.h"
+#include "platform/util/Strings.h"
 #include "support/ManagerFixture.h"
 
 using namespace std::chrono_literals;
@@ -94,7 +94,8 @@ TEST_F(PackageDiagnosticsTest, WindowsWayRunsThePowerShellCommandLine) {
                         L"-NoProfile -NonInteractive -WindowStyle Hidden /f \"" +
                             zep::path::FromFs(PackageTemp("com.quorin.vpn") / "install.ps1") +
                             L"\" -command \"get-diagnostics\" -outDir \"" + zep::path::FromFs(Output("com.quorin.vpn")) +
-                            L"\"");
+                            L"\"");    // The child-process ceiling reaches the launcher on this road too.
+    EXPECT_EQ(platform.processes->lastCeiling, std::chrono::minutes(30));
 }
 
 // Judged after the script ended: exactly the time-out is in time and a quick

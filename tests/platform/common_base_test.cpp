@@ -1,4 +1,4 @@
-#include "platform/CommonBase.h"
+#include "platform/agent/CommonBase.h"
 
 #include <chrono>
 #include <regex>
@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/CivilTime.h"
+#include "platform/util/CivilTime.h"
 
 namespace {
 

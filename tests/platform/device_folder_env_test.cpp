@@ -13,8 +13,8 @@
 #include <thread>
 #include <vector>
 
-#include "platform/MemoryRegistry.h"
-#include "platform/Strings.h"
+#include "platform/util/MemoryRegistry.h"
+#include "platform/util/Strings.h"
 #include "support/TestPlatform.h"
 
 namespace zep::platform {

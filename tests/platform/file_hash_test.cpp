@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <openssl/sha.h>
 
-#include "platform/CommonBase.h"
+#include "platform/agent/CommonBase.h"
 #include "support/TestPlatform.h"
 
 namespace {

@@ -8,8 +8,8 @@
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 
-#include "platform/CommonBase.h"
-#include "platform/Strings.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/util/Strings.h"
 #include "support/TestPlatform.h"
 #include "support/TokenSigner.h"
 

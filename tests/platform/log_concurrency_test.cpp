@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/Log.h"
+#include "platform/agent/Log.h"
 #include "support/TestPlatform.h"
 
 namespace {

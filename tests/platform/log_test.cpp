@@ -1,4 +1,4 @@
-#include "platform/Log.h"
+#include "platform/agent/Log.h"
 
 #include <cstddef>
 #include <string>

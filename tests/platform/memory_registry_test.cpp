@@ -1,4 +1,4 @@
-#include "platform/MemoryRegistry.h"
+#include "platform/util/MemoryRegistry.h"
 
 #include <string>
 

@@ -17,8 +17,8 @@
 #include <set>
 #include <string>
 
-#include "platform/MemoryRegistry.h"
-#include "platform/Paths.h"
+#include "platform/util/MemoryRegistry.h"
+#include "platform/util/Paths.h"
 #include "platform/posix/LogScrub.h"
 #include "support/TestPlatform.h"
 

@@ -5,9 +5,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "platform/CommonBase.h"
-#include "platform/Paths.h"
-#include "platform/Strings.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/util/Paths.h"
+#include "platform/util/Strings.h"
 #include "support/TestPlatform.h"
 
 namespace zep {

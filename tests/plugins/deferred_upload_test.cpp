@@ -7,8 +7,8 @@
 #include <gtest/gtest.h>
 
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
-#include "platform/Paths.h"
-#include "platform/Strings.h"
+#include "platform/util/Paths.h"
+#include "platform/util/Strings.h"
 #include "support/ManagerFixture.h"
 #include "support/TokenSigner.h"
 

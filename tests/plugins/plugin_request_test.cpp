@@ -15,7 +15,7 @@
 #include <json/json.h>
 
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
-#include "platform/Paths.h"
+#include "platform/util/Paths.h"
 #include "support/ManagerFixture.h"
 #include "support/ZipReader.h"
 

@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include "platform/Paths.h"
+#include "platform/util/Paths.h"
 #include "support/FileSizeLimit.h"
 #include "support/ManagerFixture.h"
 

@@ -9,8 +9,8 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/Strings.h"
-#include "platform/ZEPNotificationData.h"
+#include "platform/util/Strings.h"
+#include "platform/agent/ZEPNotificationData.h"
 #include "support/ManagerFixture.h"
 
 using namespace std::chrono_literals;

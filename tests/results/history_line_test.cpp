@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
-#include "platform/Strings.h"
+#include "platform/util/Strings.h"
 #include "support/TestPlatform.h"
 
 namespace {

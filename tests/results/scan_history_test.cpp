@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/Paths.h"
+#include "platform/util/Paths.h"
 #include "support/ManagerFixture.h"
 
 namespace {

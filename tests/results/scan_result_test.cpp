@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
-#include "platform/Strings.h"
+#include "platform/util/Strings.h"
 #include "support/ManagerFixture.h"
 
 namespace {

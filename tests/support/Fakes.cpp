@@ -18,12 +18,13 @@ void FakeClock::SetSystemTime(std::chrono::system_clock::time_point time) {
 }
 
 int RecordingProcess::LaunchCommandLine(const std::wstring& commandLine, const std::wstring& arguments, bool,
-                                        void* hostContext) {
+                                        void* hostContext, std::chrono::milliseconds ceiling) {
     const std::wstring full = arguments.empty() ? commandLine : commandLine + L" " + arguments;
     {
         std::lock_guard<std::mutex> lock(mutex_);
         commandLines_.push_back(full);
         lastHostContext = hostContext;
+        lastCeiling = ceiling;
     }
     return onLaunch ? onLaunch(full) : 1;
 }

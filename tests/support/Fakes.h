@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Env.h"
+#include "platform/env/Env.h"
 
 namespace zep::testing {
 
@@ -35,7 +35,7 @@ private:
 class RecordingProcess : public platform::ProcessEnv {
 public:
     int LaunchCommandLine(const std::wstring& commandLine, const std::wstring& arguments, bool wait,
-                          void* hostContext) override;
+                          void* hostContext, std::chrono::milliseconds ceiling) override;
     platform::ProcessResult Spawn(const platform::ProcessRequest& request) override;
 
     std::vector<std::wstring> CommandLines() const;
@@ -44,6 +44,7 @@ public:
     std::function<int(const std::wstring& commandLine)> onLaunch;
     std::function<platform::ProcessResult(const platform::ProcessRequest& request)> onSpawn;
     void* lastHostContext = nullptr;
+    std::chrono::milliseconds lastCeiling{0};
 
 private:
     mutable std::mutex mutex_;

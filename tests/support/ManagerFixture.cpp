@@ -3,7 +3,7 @@
 #include <fstream>
 #include <sstream>
 
-#include "platform/Strings.h"
+#include "platform/util/Strings.h"
 #include "support/ZipReader.h"
 
 namespace zep::testing {

@@ -7,7 +7,7 @@
 #include <json/json.h>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
-#include "platform/ZEPNotificationData.h"
+#include "platform/agent/ZEPNotificationData.h"
 
 class DiagnosticsManagerTestPeer {
 public:

@@ -6,8 +6,8 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "platform/Log.h"
-#include "platform/Paths.h"
+#include "platform/agent/Log.h"
+#include "platform/util/Paths.h"
 
 namespace zep::testing {
 namespace {

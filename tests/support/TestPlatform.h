@@ -9,8 +9,8 @@
 #include <memory>
 #include <string>
 
-#include "platform/InProcessHub.h"
-#include "platform/MemoryRegistry.h"
+#include "platform/device/InProcessHub.h"
+#include "platform/util/MemoryRegistry.h"
 #include "support/Fakes.h"
 
 namespace zep::testing {

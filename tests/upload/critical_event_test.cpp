@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/Strings.h"
+#include "platform/util/Strings.h"
 #include "support/ManagerFixture.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <json/json.h>
 #include <openssl/evp.h>
 
-#include "platform/Strings.h"
+#include "platform/util/Strings.h"
 #include "support/ManagerFixture.h"
 #include "support/TokenSigner.h"
 

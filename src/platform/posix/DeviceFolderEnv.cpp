@@ -1,4 +1,4 @@
-#include "platform/JsonText.h"
+#include "platform/util/JsonText.h"
 #include "platform/posix/DeviceFolderEnv.h"
 
 #include <fcntl.h>
@@ -20,10 +20,10 @@
 
 #include <json/json.h>
 
-#include "platform/CivilTime.h"
-#include "platform/MemoryRegistry.h"
-#include "platform/Paths.h"
-#include "platform/Strings.h"
+#include "platform/util/CivilTime.h"
+#include "platform/util/MemoryRegistry.h"
+#include "platform/util/Paths.h"
+#include "platform/util/Strings.h"
 #include "platform/posix/FolderExtensions.h"
 #include "platform/posix/PosixClock.h"
 #include "platform/posix/PosixFileSystem.h"
@@ -783,7 +783,7 @@ Env MakeDeviceFolderEnv(const std::wstring& deviceDir, std::shared_ptr<HubEnv> h
     env.files = std::make_shared<FolderFileSystem>(deviceFile);
     env.system = std::make_shared<FolderSystem>(dir, deviceFile);
     env.registry = std::make_shared<FolderRegistry>(dir / "registry.reg", dir / "users", deviceFile);
-    env.processes = std::make_shared<PosixProcess>(std::chrono::milliseconds(0));
+    env.processes = std::make_shared<PosixProcess>();
     env.clock = std::make_shared<PosixClock>();
     env.random = std::make_shared<PosixRandom>();
     env.device = std::make_shared<FolderDevice>(deviceFile);

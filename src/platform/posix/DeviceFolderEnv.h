@@ -12,7 +12,7 @@
 #include <string>
 
 #include "DiagnosticScanner/Export.h"
-#include "platform/Env.h"
+#include "platform/env/Env.h"
 
 namespace zep::platform {
 

@@ -1,4 +1,4 @@
-#include "platform/JsonText.h"
+#include "platform/util/JsonText.h"
 #include "platform/posix/FolderExtensions.h"
 
 #include <algorithm>
@@ -12,9 +12,9 @@
 
 #include <json/json.h>
 
-#include "platform/Env.h"
-#include "platform/Paths.h"
-#include "platform/Strings.h"
+#include "platform/env/Env.h"
+#include "platform/util/Paths.h"
+#include "platform/util/Strings.h"
 
 namespace zep::platform {
 namespace {

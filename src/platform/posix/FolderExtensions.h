@@ -16,7 +16,7 @@
 #include <functional>
 #include <memory>
 
-#include "platform/ExtensionEnv.h"
+#include "platform/env/ExtensionEnv.h"
 
 namespace zep::platform {
 

@@ -1,6 +1,6 @@
 #include "platform/posix/NativeCollection.h"
 
-#include "platform/CommonBase.h"
+#include "platform/agent/CommonBase.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -24,10 +24,10 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Env.h"
-#include "platform/Log.h"
-#include "platform/MemoryRegistry.h"
-#include "platform/Paths.h"
+#include "platform/env/Env.h"
+#include "platform/agent/Log.h"
+#include "platform/util/MemoryRegistry.h"
+#include "platform/util/Paths.h"
 #include "platform/posix/Fd.h"
 #include "platform/posix/LogScrub.h"
 

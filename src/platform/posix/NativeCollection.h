@@ -4,7 +4,7 @@
 // opened; a file that vanishes or cannot be read is logged and skipped.
 #pragma once
 
-#include "platform/CollectionEnv.h"
+#include "platform/env/CollectionEnv.h"
 
 namespace zep::platform {
 

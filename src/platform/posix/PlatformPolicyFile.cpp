@@ -1,4 +1,4 @@
-#include "platform/JsonText.h"
+#include "platform/util/JsonText.h"
 #include "platform/posix/PlatformPolicyFile.h"
 
 #include <fstream>
@@ -7,7 +7,7 @@
 
 #include <json/json.h>
 
-#include "platform/Strings.h"
+#include "platform/util/Strings.h"
 
 namespace zep::platform {
 namespace {

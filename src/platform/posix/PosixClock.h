@@ -1,7 +1,7 @@
 // The system's clocks and its random source.
 #pragma once
 
-#include "platform/ClockEnv.h"
+#include "platform/env/ClockEnv.h"
 
 namespace zep::platform {
 

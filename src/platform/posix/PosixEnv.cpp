@@ -1,8 +1,8 @@
 #include <cstdlib>
 
-#include "platform/AbsentAgent.h"
-#include "platform/Env.h"
-#include "platform/Strings.h"
+#include "platform/env/AbsentAgent.h"
+#include "platform/env/Env.h"
+#include "platform/util/Strings.h"
 #include "platform/posix/PosixClock.h"
 #include "platform/posix/PosixFileSystem.h"
 #include "platform/posix/NativeCollection.h"
@@ -34,7 +34,7 @@ Env DefaultEnv() {
     env.files = std::make_shared<PosixFileSystem>();
     env.system = std::make_shared<PosixSystem>();
     env.registry = std::make_shared<EmptyRegistry>();
-    env.processes = std::make_shared<PosixProcess>(std::chrono::milliseconds(0));
+    env.processes = std::make_shared<PosixProcess>();
     env.clock = std::make_shared<PosixClock>();
     env.random = std::make_shared<PosixRandom>();
     env.device = std::make_shared<AbsentDevice>();

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <string>
 
-#include "platform/Paths.h"
+#include "platform/util/Paths.h"
 
 namespace fs = std::filesystem;
 

@@ -1,7 +1,7 @@
 // FileSystemEnv over std::filesystem and POSIX calls.
 #pragma once
 
-#include "platform/FileSystemEnv.h"
+#include "platform/env/FileSystemEnv.h"
 
 namespace zep::platform {
 

@@ -1,6 +1,5 @@
 #include "platform/posix/PosixProcess.h"
 
-#include "platform/CommonBase.h"
 #include "platform/posix/Fd.h"
 
 #include <fcntl.h>
@@ -22,7 +21,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Strings.h"
+#include "platform/util/Strings.h"
 
 extern char** environ;
 
@@ -71,15 +70,6 @@ struct Child {
     pid_t pid = -1;
     Fd output;  // read end of the child's standard output, when captured
 };
-
-milliseconds EffectiveLimit(milliseconds requested, milliseconds ceiling) {
-    const bool limited = requested.count() > 0;
-    const bool capped = ceiling.count() > 0;
-    if (limited && capped) return std::min(requested, ceiling);
-    if (limited) return requested;
-    if (capped) return ceiling;
-    return milliseconds{0};
-}
 
 int DecodeStatus(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
 
@@ -325,20 +315,18 @@ ProcessResult WaitChild(pid_t pid, Fd output, milliseconds limit) noexcept {
 
 }  // namespace
 
-PosixProcess::PosixProcess(std::chrono::milliseconds ceiling) : ceiling_(ceiling) {}
-
 ProcessResult PosixProcess::Spawn(const ProcessRequest& request) {
     try {
         Child child;
         if (!StartChild(request, child)) return ProcessResult{};
-        return WaitChild(child.pid, std::move(child.output), EffectiveLimit(request.timeout, ceiling_));
+        return WaitChild(child.pid, std::move(child.output), request.timeout);
     } catch (...) {
         return ProcessResult{};
     }
 }
 
 int PosixProcess::LaunchCommandLine(const std::wstring& commandLine, const std::wstring& arguments, bool wait,
-                                    void* /*hostContext*/) {
+                                    void* /*hostContext*/, milliseconds ceiling) {
     try {
         std::wstring line = commandLine;
         if (!arguments.empty()) {
@@ -349,9 +337,7 @@ int PosixProcess::LaunchCommandLine(const std::wstring& commandLine, const std::
         request.argv = SplitWindowsCommandLine(line);
         if (request.argv.empty()) return 0;
 
-        // Without a ceiling of its own, a command line gets the agent's one.
-        const milliseconds limit = ceiling_.count() > 0 ? ceiling_ : ProcessWrap::ChildProcessCeiling();
-        request.timeout = limit;
+        request.timeout = ceiling;
         if (wait) {
             const ProcessResult result = Spawn(request);
             return result.started && !result.timedOut && result.exitCode == 0 ? 1 : 0;
@@ -363,10 +349,10 @@ int PosixProcess::LaunchCommandLine(const std::wstring& commandLine, const std::
         try {
             // Nobody waits for the result, but someone must reap the child
             // (and end it at the ceiling).
-            std::thread([pid, limit]() noexcept { WaitChild(pid, Fd{}, limit); }).detach();
+            std::thread([pid, ceiling]() noexcept { WaitChild(pid, Fd{}, ceiling); }).detach();
         } catch (...) {
             // No thread to be had: reap here rather than leave a zombie.
-            WaitChild(pid, Fd{}, limit);
+            WaitChild(pid, Fd{}, ceiling);
         }
         return 1;
     } catch (...) {

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/ProcessEnv.h"
+#include "platform/env/ProcessEnv.h"
 
 namespace zep::platform {
 
@@ -12,17 +12,10 @@ class PosixProcess : public ProcessEnv {
 public:
     // A Windows command line cannot run here as it is: it is split into an
     // argument vector by the rules of CommandLineToArgvW and spawned without
-    // a shell. Ends the process group after `ceiling`; with 0, a command line
-    // gets ProcessWrap::ChildProcessCeiling() and an argument vector its own
-    // time-out only.
-    explicit PosixProcess(std::chrono::milliseconds ceiling = std::chrono::minutes(30));
-
+    // a shell. The whole process group is ended at the time-out or ceiling.
     int LaunchCommandLine(const std::wstring& commandLine, const std::wstring& arguments, bool wait,
-                          void* hostContext) override;
+                          void* hostContext, std::chrono::milliseconds ceiling) override;
     ProcessResult Spawn(const ProcessRequest& request) override;
-
-private:
-    std::chrono::milliseconds ceiling_;
 };
 
 // Splits a Windows command line the way CommandLineToArgvW does (the program
