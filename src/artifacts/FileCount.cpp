@@ -1,13 +1,14 @@
 #include "artifacts/FileCount.h"
 
-#include "platform/env/Env.h"
+#include <vector>
+
+#include "platform/agent/CommonBase.h"
 
 namespace zep::artifacts {
 
 std::uint64_t CountFilesInTree(const std::wstring& folder) {
-    const auto env = platform::CurrentEnv();
-    if (!env->files->DirectoryExists(folder)) return 0;
-    return env->files->ListFiles(folder, true).size();
+    std::vector<std::wstring> files;
+    return static_cast<std::uint64_t>(FileSystem::GetFileListForFolder(folder, L"", files));
 }
 
 }  // namespace zep::artifacts

@@ -23,7 +23,6 @@
 
 namespace {
 
-namespace fs = std::filesystem;
 using zep::path::NativePath;
 
 constexpr const char* kZipLabel = "PluginDiagnosticsProcessor::CreatePluginZip";
@@ -51,24 +50,27 @@ std::wstring MetaFile(const std::wstring& diagFolder) {
 
 bool ParseJson(const std::string& text, Json::Value& value) { return zep::json::Parse(text, value); }
 
-bool HasZipExtension(const fs::path& file) {
-    return zep::text::EqualsIgnoreCase(zep::path::FromFs(file.extension()), L".zip");
+bool HasZipExtension(const std::wstring& name) {
+    return name.size() >= 4 && zep::text::EqualsIgnoreCase(name.substr(name.size() - 4), L".zip");
 }
 
-// The direct entries of `folder` of one kind, in the order the file system
-// lists them. Links are left out: the user's plug-in folders are writable by
-// that user, and a link there must not lead the agent to upload or delete
-// anything elsewhere. Throws fs::filesystem_error when the folder cannot be
-// walked.
-std::vector<fs::path> DirectEntries(const std::wstring& folder, fs::file_type type) {
-    std::vector<fs::path> found;
-    for (const fs::directory_entry& entry : fs::directory_iterator(zep::path::ToFs(folder))) {
-        std::error_code ec;
-        if (entry.symlink_status(ec).type() == type && !ec) found.push_back(entry.path());
+// The names of the direct entries of `folder` of one kind, sorted. Links are
+// never among them (see FileSystem): the user's plug-in folders are writable
+// by that user.
+std::vector<std::wstring> DirectEntries(const std::wstring& folder, zep::platform::EntryKind kind) {
+    std::vector<std::wstring> names;
+    const auto open = FileSystem::openFolder(folder, false);
+    std::vector<zep::platform::EntryInfo> entries;
+    if (!open || !open->List(entries)) {
+        g_log.e(L"%s: cannot list %s", kDeferredAllLabel, folder);
+        return names;
     }
-    return found;
+    for (const auto& entry : entries) {
+        if (entry.kind == kind) names.push_back(entry.name);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
 }
-
 
 }  // namespace
 
@@ -239,8 +241,8 @@ void PluginDiagnosticsProcessor::ProcessDeferredPluginUploads(DiagnosticsManager
     for (const std::wstring& root : roots) {
         try {
             if (!FileSystem::directoryExists(root)) continue;
-            for (const fs::path& plugin : DirectEntries(root, fs::file_type::directory)) {
-                const std::wstring diagFolder = zep::path::FromFs(plugin) + NativePath(L"\\diagnostics");
+            for (const std::wstring& plugin : DirectEntries(root, zep::platform::EntryKind::Folder)) {
+                const std::wstring diagFolder = root + zep::path::kSeparator + plugin + NativePath(L"\\diagnostics");
                 if (FileSystem::directoryExists(diagFolder)) ProcessDeferredPluginUpload(manager, diagFolder);
             }
         } catch (...) {
@@ -262,9 +264,9 @@ bool PluginDiagnosticsProcessor::ProcessDeferredPluginUpload(DiagnosticsManager&
         const std::wstring latest = LatestFolder(diagFolder);
         if (!FileSystem::directoryExists(latest)) return false;
         std::wstring zipPath;
-        for (const fs::path& file : DirectEntries(latest, fs::file_type::regular)) {
+        for (const std::wstring& file : DirectEntries(latest, zep::platform::EntryKind::File)) {
             if (HasZipExtension(file)) {
-                zipPath = zep::path::FromFs(file);
+                zipPath = latest + zep::path::kSeparator + file;
                 break;
             }
         }

@@ -1,6 +1,5 @@
 // The manager's component result documents and per-scan result state.
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -9,6 +8,7 @@
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "platform/agent/CommonBase.h"
+#include "platform/util/Paths.h"
 #include "results/ResultFormat.h"
 
 namespace {
@@ -88,17 +88,20 @@ std::wstring DiagnosticsManager::GetTotalExecutionTime() { return zep::results::
 
 void DiagnosticsManager::ParseComponentJson(const std::string& path, std::vector<Json::Value>& out) {
     try {
-        std::ifstream in(path, std::ios::binary);
-        if (!in.is_open()) {
+        // Through the module's reader: a package may leave a link or a FIFO
+        // named *.json in its folder, which must neither be followed nor
+        // waited for, and a document has a size limit.
+        std::string text;
+        // The narrow path is in the system's own narrow encoding, as the walk made it.
+        if (!FileSystem::readFile(zep::path::FromFs(std::filesystem::path(path)), text)) {
             g_log.d(L"%s Error opening component file:%s", kParseLabel, path);
             return;
         }
-        in.seekg(0, std::ios::end);
-        if (in.tellg() == std::streampos(0)) {
+        if (text.empty()) {
             g_log.d(L"%s skipping empty component file:%s", kParseLabel, path);
             return;
         }
-        in.seekg(0, std::ios::beg);
+        std::istringstream in(std::move(text));
         // The default reader settings bound the nesting depth (stackLimit), so
         // a hostile document ends in an exception, not a stack overflow.
         Json::Value document;

@@ -3,98 +3,15 @@
 #include <array>
 #include <cstdio>
 
-#include <openssl/evp.h>
 
 #include "platform/util/CivilTime.h"
 #include "platform/env/Env.h"
+#include "platform/util/Crypto.h"
 #include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
 
 using zep::platform::CurrentEnv;
 using zep::platform::Hive;
-
-// ---- FileSystem -------------------------------------------------------------
-
-bool FileSystem::fileExists(const std::wstring& path) { return CurrentEnv()->files->FileExists(path); }
-bool FileSystem::directoryExists(const std::wstring& path) { return CurrentEnv()->files->DirectoryExists(path); }
-bool FileSystem::createDirectory(const std::wstring& path, bool recursive) {
-    return CurrentEnv()->files->CreateDirectory(path, recursive);
-}
-bool FileSystem::deleteDirectoryOrFile(const std::wstring& path, bool recursive) {
-    return CurrentEnv()->files->Remove(path, recursive);
-}
-bool FileSystem::copyFile(const std::wstring& from, const std::wstring& to) {
-    return CurrentEnv()->files->CopyFile(from, to);
-}
-bool FileSystem::copyDir(const std::wstring& from, const std::wstring& to) {
-    return CurrentEnv()->files->CopyDirectory(from, to);
-}
-bool FileSystem::GetDiskFreeSpaceEx(const std::wstring& path, std::uint64_t& freeBytes) {
-    const auto available = CurrentEnv()->files->FreeSpace(path);
-    if (!available) return false;
-    freeBytes = *available;
-    return true;
-}
-std::uint64_t FileSystem::fileSize(const std::wstring& path) { return CurrentEnv()->files->FileSize(path).value_or(0); }
-bool FileSystem::readFile(const std::wstring& path, std::string& contents) {
-    return CurrentEnv()->files->ReadFile(path, contents);
-}
-bool FileSystem::writeFile(const std::wstring& path, const std::string& contents) {
-    return CurrentEnv()->files->WriteFile(path, contents);
-}
-bool FileSystem::writeFileAtomically(const std::wstring& path, const std::string& contents) {
-    return CurrentEnv()->files->WriteFileAtomically(path, contents);
-}
-
-namespace {
-bool IsSeparator(wchar_t c) { return c == L'\\' || c == L'/'; }
-}  // namespace
-
-std::wstring FileSystem::getFileName(const std::wstring& path) {
-    for (std::size_t i = path.size(); i > 0; --i) {
-        if (IsSeparator(path[i - 1])) return path.substr(i);
-    }
-    return path;
-}
-
-std::wstring FileSystem::getDirectoryName(const std::wstring& path) {
-    for (std::size_t i = path.size(); i > 0; --i) {
-        if (IsSeparator(path[i - 1])) return path.substr(0, i - 1);
-    }
-    return std::wstring();
-}
-
-std::wstring FileSystem::GetExtendedAbsolutePathW(const std::wstring& path) {
-    return zep::path::ExtendedAbsolute(path);
-}
-
-bool FileSystem::FindFileInDirectoryTree(const std::wstring& folder, const std::wstring& extension,
-                                         std::wstring& found) {
-    for (auto& file : CurrentEnv()->files->ListFiles(folder, true)) {
-        if (file.size() >= extension.size() &&
-            file.compare(file.size() - extension.size(), extension.size(), extension) == 0) {
-            found = std::move(file);
-            return true;
-        }
-    }
-    return false;
-}
-
-std::wstring FileSystem::GetTempFolderPath() { return CurrentEnv()->system->TempFolder(); }
-
-int FileSystem::GetFileListForFolder(const std::wstring& folder, const std::wstring& filter,
-                                     std::vector<std::wstring>& files) {
-    int count = 0;
-    for (auto& file : CurrentEnv()->files->ListFiles(folder, true)) {
-        if (!filter.empty() &&
-            (file.size() < filter.size() || file.compare(file.size() - filter.size(), filter.size(), filter) != 0)) {
-            continue;
-        }
-        files.push_back(std::move(file));
-        ++count;
-    }
-    return count;
-}
 
 // ---- String -----------------------------------------------------------------
 
@@ -166,16 +83,9 @@ std::wstring CoreUtility::GetDeviceID() { return CurrentEnv()->device->DeviceId(
 std::wstring CoreUtility::GetLogicalDeviceID() { return CurrentEnv()->device->LogicalDeviceId(); }
 
 unsigned long CoreUtility::CreateSHA256Hash(std::string& digest, const std::string& input) {
-    std::array<unsigned char, EVP_MAX_MD_SIZE> raw{};
-    unsigned int length = 0;
-    if (EVP_Digest(input.data(), input.size(), raw.data(), &length, EVP_sha256(), nullptr) != 1) return 1;
-    static constexpr char kHex[] = "0123456789abcdef";
-    digest.clear();
-    digest.reserve(length * 2u);
-    for (unsigned int i = 0; i < length; ++i) {
-        digest.push_back(kHex[raw[i] >> 4]);
-        digest.push_back(kHex[raw[i] & 0x0F]);
-    }
+    std::string hex = zep::crypto::Sha256Hex(input);
+    if (hex.empty()) return 1;
+    digest = std::move(hex);
     return 0;
 }
 

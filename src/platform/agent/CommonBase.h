@@ -11,27 +11,47 @@
 #include <vector>
 
 #include "platform/env/AgentEnv.h"
+#include "platform/env/FileSystemEnv.h"
 #include "platform/agent/AgentPolicies.h"
 #include "platform/agent/Log.h"
 #include "platform/agent/WinTypes.h"
 
 // Files and folders. Paths in the running system's form (Paths.h).
+//
+// A path below one of the trusted roots (the agent's data root, the system's
+// temporary folder, the logged-in user's local application data) is reached
+// from that root down without following any link or reparse point, and what
+// it names is acted on through the folder that was opened (env/Beneath.h):
+// a user who can write below a root cannot redirect what the agent reads,
+// packs, writes or deletes there. Paths outside the roots are used as given.
 class FileSystem {
 public:
+    // Documents the module reads are small; anything larger is refused.
+    static constexpr std::uint64_t kMaxDocumentBytes = 16u * 1024 * 1024;
+
+    // True when `path` is a regular file (a folder, not a link).
     static bool fileExists(const std::wstring& path);
     static bool directoryExists(const std::wstring& path);
     // Creates the folder, with its parents when `recursive`; true when it exists afterwards.
     static bool createDirectory(const std::wstring& path, bool recursive);
-    // Deletes a file or folder (a whole tree when `recursive`); true when it is gone.
+    // Deletes a file or folder (a whole tree when `recursive`, links removed
+    // as links); true when it is gone.
     static bool deleteDirectoryOrFile(const std::wstring& path, bool recursive);
     static bool copyFile(const std::wstring& from, const std::wstring& to);
+    // Copies what is below `from` into `to`; links and special files are left out.
     static bool copyDir(const std::wstring& from, const std::wstring& to);
     // Bytes free to the caller on the volume of `path`; false when unknown.
     static bool GetDiskFreeSpaceEx(const std::wstring& path, std::uint64_t& freeBytes);
     // Size in bytes; 0 when the file cannot be read.
     static std::uint64_t fileSize(const std::wstring& path);
-    static bool readFile(const std::wstring& path, std::string& contents);
-    // Replaces the file atomically (see FileSystemEnv::WriteFileAtomically).
+    // Reads a whole regular file of at most `limit` bytes (never a FIFO or a
+    // device, never waiting); a larger one is refused with a log line.
+    static bool readFile(const std::wstring& path, std::string& contents,
+                         std::uint64_t limit = kMaxDocumentBytes);
+    // Reads the end of a file, at most `maxBytes`, from a line start on.
+    static bool readFileTail(const std::wstring& path, std::uint64_t maxBytes, std::string& contents);
+    // Replaces the file atomically: a temporary file beside it, flushed and
+    // renamed over it; on failure the old file is unchanged.
     static bool writeFileAtomically(const std::wstring& path, const std::string& contents);
     // Writes the file, truncating it (not atomic).
     static bool writeFile(const std::wstring& path, const std::string& contents);
@@ -44,7 +64,7 @@ public:
     // prefixed on Windows; the plain absolute path elsewhere). A trailing
     // wildcard component is kept.
     static std::wstring GetExtendedAbsolutePathW(const std::wstring& path);
-    // The first file below `folder` (recursively, in walk order) whose name
+    // The first file below `folder` (recursively, in name order) whose name
     // ends with `extension` (letter case as given); false when there is none.
     static bool FindFileInDirectoryTree(const std::wstring& folder, const std::wstring& extension,
                                         std::wstring& found);
@@ -52,6 +72,11 @@ public:
     // `filter` (all files when empty); returns how many it appended.
     static int GetFileListForFolder(const std::wstring& folder, const std::wstring& filter,
                                     std::vector<std::wstring>& files);
+    // Opens the folder `path` (created with its parents when `create`) for
+    // work below it by the folder's own operations.
+    static std::unique_ptr<zep::platform::Folder> openFolder(const std::wstring& path, bool create);
+    // Opens a regular file for reading (never a link, a FIFO or a device).
+    static std::unique_ptr<zep::platform::InputFile> openFile(const std::wstring& path);
 };
 
 // Text conversions and comparisons.
@@ -137,6 +162,11 @@ public:
 
 class System {
 public:
+    // Where Windows keeps a user's folders: under HKEY_USERS\<SID>.
+    static constexpr const wchar_t* kShellFoldersKey =
+        L"\\Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\Shell Folders";
+    static constexpr const wchar_t* kLocalAppDataValue = L"Local AppData";
+
     // The same rendering as DateTimeUtility::convertGMTTimeToString, wide.
     static std::wstring GetTime(const GmtDateTime& time);
     static std::wstring GetLoggedInUserSID();

@@ -515,8 +515,8 @@ public:
     UpdatePolicy GetUpdatePolicy() override {
         UpdatePolicy policy;
         std::string text;
-        PosixFileSystem files;
-        if (!files.ReadFile(path::FromFs(dir_ / "update-policy.json"), text)) return policy;
+        FileStamp stamp;
+        if (!ReadAll(dir_ / "update-policy.json", text, stamp)) return policy;
         zep::json::ParseOptions options;
         options.stackLimit = 64;
         const auto root = zep::json::ParseObject(text, options);

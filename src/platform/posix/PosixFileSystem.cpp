@@ -1,191 +1,363 @@
 #include "platform/posix/PosixFileSystem.h"
 
+#include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <string>
+#include <system_error>
+#include <utility>
 
+#include "platform/env/Beneath.h"
+#include "platform/posix/Fd.h"
 #include "platform/util/Paths.h"
-
-namespace fs = std::filesystem;
+#include "platform/util/Strings.h"
 
 namespace zep::platform {
 namespace {
 
-// Writes all of `data` to `fd`, retrying short writes and interruptions.
-bool WriteAll(int fd, std::string_view data) {
+// Removal goes this deep at most; deeper is refused rather than exhausting
+// descriptors on a tree built to do that.
+constexpr int kMaxRemoveDepth = 256;
+constexpr mode_t kFileMode = 0644;
+constexpr mode_t kFolderMode = 0755;
+
+bool Fail(FsStatus* status, FsError error, int code = 0) {
+    if (status != nullptr) {
+        *status = FsStatus{error, code != 0 ? std::generic_category().message(code) : std::string()};
+    }
+    return false;
+}
+
+FsError ErrorOf(int code) {
+    switch (code) {
+        case ENOENT: return FsError::NotFound;
+        case EEXIST: return FsError::Exists;
+        case ELOOP: return FsError::Link;
+        case ENOTDIR:
+        case EISDIR:
+        case ENXIO: return FsError::WrongKind;
+        default: return FsError::Failed;
+    }
+}
+
+EntryKind KindOf(mode_t mode) {
+    if (S_ISREG(mode)) return EntryKind::File;
+    if (S_ISDIR(mode)) return EntryKind::Folder;
+    if (S_ISLNK(mode)) return EntryKind::Link;
+    return EntryKind::Other;
+}
+
+EntryInfo InfoOf(std::wstring name, const struct stat& st) {
+    EntryInfo info;
+    info.name = std::move(name);
+    info.kind = KindOf(st.st_mode);
+    info.size = static_cast<std::uint64_t>(st.st_size);
+    info.modifiedNs = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec;
+    info.identity = static_cast<std::uint64_t>(st.st_ino);
+    return info;
+}
+
+bool WriteAll(int fd, std::string_view data, FsStatus* status) {
     while (!data.empty()) {
         const ssize_t written = ::write(fd, data.data(), data.size());
         if (written < 0) {
             if (errno == EINTR) continue;
-            return false;
+            return Fail(status, FsError::Failed, errno);
         }
         data.remove_prefix(static_cast<std::size_t>(written));
     }
     return true;
 }
 
-// Makes a rename durable by syncing the folder that holds the new name.
-void SyncParent(const fs::path& path) {
-    const fs::path parent = path.has_parent_path() ? path.parent_path() : fs::path(".");
-    const int fd = ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd >= 0) {
-        ::fsync(fd);
-        ::close(fd);
+class PosixInputFile : public InputFile {
+public:
+    PosixInputFile(Fd fd, EntryInfo info) : fd_(std::move(fd)), info_(std::move(info)) {}
+
+    bool Read(char* buffer, std::size_t size, std::size_t& got, FsStatus* status) override {
+        for (;;) {
+            const ssize_t n = ::read(fd_.Get(), buffer, size);
+            if (n >= 0) {
+                got = static_cast<std::size_t>(n);
+                return true;
+            }
+            if (errno != EINTR) return Fail(status, FsError::Failed, errno);
+        }
     }
-}
+    bool SeekTo(std::uint64_t offset, FsStatus* status) override {
+        if (::lseek(fd_.Get(), static_cast<off_t>(offset), SEEK_SET) < 0) return Fail(status, FsError::Failed, errno);
+        return true;
+    }
+    EntryInfo Info() override { return info_; }
+
+private:
+    Fd fd_;
+    EntryInfo info_;
+};
+
+class PosixOutputFile : public OutputFile {
+public:
+    explicit PosixOutputFile(Fd fd) : fd_(std::move(fd)) {}
+
+    bool Write(std::string_view data, FsStatus* status) override { return WriteAll(fd_.Get(), data, status); }
+    bool Sync(FsStatus* status) override {
+        if (::fsync(fd_.Get()) != 0) return Fail(status, FsError::Failed, errno);
+        return true;
+    }
+    bool SetModified(std::int64_t modifiedNs) override {
+        modified_ = modifiedNs;
+        return true;
+    }
+    bool Close(FsStatus* status) override {
+        if (!fd_.Valid()) return true;
+        if (modified_) {
+            const timespec times[2] = {{0, UTIME_OMIT},
+                                       {static_cast<time_t>(*modified_ / 1'000'000'000),
+                                        static_cast<long>(*modified_ % 1'000'000'000)}};
+            ::futimens(fd_.Get(), times);  // a lost time is no lost data
+        }
+        // close(2) is where NFS and full disks report deferred write errors.
+        const int fd = fd_.Release();
+        if (::close(fd) != 0 && errno != EINTR) return Fail(status, FsError::Failed, errno);
+        return true;
+    }
+
+private:
+    Fd fd_;
+    std::optional<std::int64_t> modified_;
+};
+
+class PosixFileLock : public FileLock {
+public:
+    explicit PosixFileLock(Fd fd) : fd_(std::move(fd)) {}
+
+private:
+    Fd fd_;  // closing it releases the lock
+};
+
+class PosixFolder : public Folder {
+public:
+    PosixFolder(Fd fd, std::wstring path) : fd_(std::move(fd)), path_(std::move(path)) {}
+
+    const std::wstring& Path() const override { return path_; }
+
+    bool List(std::vector<EntryInfo>& entries, FsStatus* status) override {
+        entries.clear();
+        // A description of its own, so that two listings never share a position.
+        Fd own(::openat(fd_.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        DIR* dir = own.Valid() ? ::fdopendir(own.Get()) : nullptr;
+        if (dir == nullptr) return Fail(status, FsError::Failed, errno);
+        own.Release();
+        bool ok = true;
+        for (;;) {
+            errno = 0;
+            const dirent* item = ::readdir(dir);
+            if (item == nullptr) {
+                if (errno != 0) ok = Fail(status, FsError::Failed, errno);
+                break;
+            }
+            const std::string_view name(item->d_name);
+            if (name == "." || name == "..") continue;
+            struct stat st {};
+            // Gone since it was listed: not an entry any more.
+            if (::fstatat(::dirfd(dir), item->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+            entries.push_back(InfoOf(text::DecodeFileName(name), st));
+        }
+        ::closedir(dir);
+        return ok;
+    }
+
+    std::optional<EntryInfo> Stat(std::wstring_view name, FsStatus* status) override {
+        std::string bytes;
+        if (!Name(name, bytes, status)) return std::nullopt;
+        struct stat st {};
+        if (::fstatat(fd_.Get(), bytes.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            Fail(status, ErrorOf(errno), errno);
+            return std::nullopt;
+        }
+        return InfoOf(std::wstring(name), st);
+    }
+
+    std::unique_ptr<Folder> OpenFolder(std::wstring_view name, FsStatus* status) override {
+        std::string bytes;
+        if (!Name(name, bytes, status)) return nullptr;
+        Fd fd(::openat(fd_.Get(), bytes.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!fd.Valid()) {
+            Classify(bytes, errno, status);
+            return nullptr;
+        }
+        return std::make_unique<PosixFolder>(std::move(fd), JoinPath(path_, name));
+    }
+
+    std::unique_ptr<Folder> CreateFolder(std::wstring_view name, FsStatus* status) override {
+        std::string bytes;
+        if (!Name(name, bytes, status)) return nullptr;
+        if (::mkdirat(fd_.Get(), bytes.c_str(), kFolderMode) != 0 && errno != EEXIST) {
+            Fail(status, ErrorOf(errno), errno);
+            return nullptr;
+        }
+        return OpenFolder(name, status);
+    }
+
+    std::unique_ptr<InputFile> OpenFile(std::wstring_view name, FsStatus* status) override {
+        std::string bytes;
+        if (!Name(name, bytes, status)) return nullptr;
+        Fd fd(::openat(fd_.Get(), bytes.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+        if (!fd.Valid()) {
+            Classify(bytes, errno, status);
+            return nullptr;
+        }
+        struct stat st {};
+        if (::fstat(fd.Get(), &st) != 0) {
+            Fail(status, FsError::Failed, errno);
+            return nullptr;
+        }
+        if (!S_ISREG(st.st_mode)) {
+            Fail(status, FsError::WrongKind);
+            return nullptr;
+        }
+        return std::make_unique<PosixInputFile>(std::move(fd), InfoOf(std::wstring(name), st));
+    }
+
+    std::unique_ptr<OutputFile> CreateFile(std::wstring_view name, Create mode, FsStatus* status) override {
+        std::string bytes;
+        if (!Name(name, bytes, status)) return nullptr;
+        int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+        if (mode == Create::New) flags |= O_EXCL;
+        if (mode == Create::Append) flags |= O_APPEND;
+        Fd fd(::openat(fd_.Get(), bytes.c_str(), flags, kFileMode));
+        if (!fd.Valid()) {
+            Classify(bytes, errno, status);
+            return nullptr;
+        }
+        struct stat st {};
+        // Truncating only after the check: a FIFO or a second name of a file
+        // elsewhere (a hard link) is not ours to empty or extend.
+        if (::fstat(fd.Get(), &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink > 1) {
+            Fail(status, FsError::WrongKind);
+            return nullptr;
+        }
+        if (mode == Create::Truncate && st.st_size > 0 && ::ftruncate(fd.Get(), 0) != 0) {
+            Fail(status, FsError::Failed, errno);
+            return nullptr;
+        }
+        return std::make_unique<PosixOutputFile>(std::move(fd));
+    }
+
+    bool Rename(std::wstring_view from, std::wstring_view to, bool replace, FsStatus* status) override {
+        std::string source;
+        std::string target;
+        if (!Name(from, source, status) || !Name(to, target, status)) return false;
+        if (replace) {
+            if (::renameat(fd_.Get(), source.c_str(), fd_.Get(), target.c_str()) == 0) return true;
+            return Fail(status, ErrorOf(errno), errno);
+        }
+        if (::renameat2(fd_.Get(), source.c_str(), fd_.Get(), target.c_str(), RENAME_NOREPLACE) == 0) return true;
+        if (errno != EINVAL && errno != ENOSYS) return Fail(status, ErrorOf(errno), errno);
+        // A file system without RENAME_NOREPLACE: a hard link refuses an existing name just as well.
+        if (::linkat(fd_.Get(), source.c_str(), fd_.Get(), target.c_str(), 0) != 0) {
+            return Fail(status, ErrorOf(errno), errno);
+        }
+        ::unlinkat(fd_.Get(), source.c_str(), 0);
+        return true;
+    }
+
+    bool Remove(std::wstring_view name, bool recursive, FsStatus* status) override {
+        std::string bytes;
+        if (!Name(name, bytes, status)) return false;
+        return RemoveAt(fd_.Get(), bytes, recursive, 0, status);
+    }
+
+    bool Sync(FsStatus* status) override {
+        if (::fsync(fd_.Get()) != 0) return Fail(status, FsError::Failed, errno);
+        return true;
+    }
+
+    std::unique_ptr<FileLock> Lock(std::wstring_view name, bool wait, FsStatus* status) override {
+        std::string bytes;
+        if (!Name(name, bytes, status)) return nullptr;
+        Fd fd(::openat(fd_.Get(), bytes.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, kFileMode));
+        struct stat st {};
+        if (!fd.Valid() || ::fstat(fd.Get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+            if (fd.Valid()) {
+                Fail(status, FsError::WrongKind);
+            } else {
+                Classify(bytes, errno, status);
+            }
+            return nullptr;
+        }
+        // flock locks belong to the open description: two opens in one
+        // process exclude each other just as two processes do.
+        while (::flock(fd.Get(), LOCK_EX | (wait ? 0 : LOCK_NB)) != 0) {
+            if (errno == EINTR) continue;
+            Fail(status, errno == EWOULDBLOCK ? FsError::Busy : FsError::Failed, errno);
+            return nullptr;
+        }
+        return std::make_unique<PosixFileLock>(std::move(fd));
+    }
+
+private:
+    static bool Name(std::wstring_view name, std::string& bytes, FsStatus* status) {
+        if (!IsEntryName(name)) return Fail(status, FsError::Invalid);
+        bytes = text::EncodeFileName(name);
+        return true;
+    }
+
+    // Says why an open with O_NOFOLLOW failed: the kernel reports a link as
+    // ELOOP for files but as ENOTDIR for folders.
+    void Classify(const std::string& name, int code, FsStatus* status) const {
+        struct stat st {};
+        if ((code == ELOOP || code == ENOTDIR) && ::fstatat(fd_.Get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISLNK(st.st_mode)) {
+            Fail(status, FsError::Link);
+            return;
+        }
+        Fail(status, ErrorOf(code), code);
+    }
+
+    static bool RemoveAt(int parent, const std::string& name, bool recursive, int depth, FsStatus* status) {
+        struct stat st {};
+        if (::fstatat(parent, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            return errno == ENOENT ? true : Fail(status, FsError::Failed, errno);
+        }
+        if (!S_ISDIR(st.st_mode)) {
+            if (::unlinkat(parent, name.c_str(), 0) == 0 || errno == ENOENT) return true;
+            return Fail(status, FsError::Failed, errno);
+        }
+        if (recursive) {
+            if (depth >= kMaxRemoveDepth) return Fail(status, FsError::Failed);
+            Fd child(::openat(parent, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+            if (!child.Valid()) return Fail(status, ErrorOf(errno), errno);
+            PosixFolder folder(std::move(child), std::wstring());
+            std::vector<EntryInfo> entries;
+            if (!folder.List(entries, status)) return false;
+            for (const auto& entry : entries) {
+                if (!RemoveAt(folder.fd_.Get(), text::EncodeFileName(entry.name), true, depth + 1, status)) {
+                    return false;
+                }
+            }
+        }
+        if (::unlinkat(parent, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT) return true;
+        return Fail(status, errno == ENOTEMPTY ? FsError::WrongKind : FsError::Failed, errno);
+    }
+
+    Fd fd_;
+    std::wstring path_;
+};
 
 }  // namespace
 
-bool PosixFileSystem::FileExists(const std::wstring& path) {
-    std::error_code ec;
-    return fs::is_regular_file(path::ToFs(path), ec);
-}
-
-bool PosixFileSystem::DirectoryExists(const std::wstring& path) {
-    std::error_code ec;
-    return fs::is_directory(path::ToFs(path), ec);
-}
-
-bool PosixFileSystem::CreateDirectory(const std::wstring& path, bool recursive) {
-    std::error_code ec;
-    const fs::path target = path::ToFs(path);
-    if (recursive) {
-        fs::create_directories(target, ec);
-    } else {
-        fs::create_directory(target, ec);
+std::unique_ptr<Folder> PosixFileSystem::OpenFolder(const std::wstring& path, FsStatus* status) {
+    Fd fd(::open(path::ToFs(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd.Valid()) {
+        Fail(status, ErrorOf(errno), errno);
+        return nullptr;
     }
-    return fs::is_directory(target, ec);
-}
-
-bool PosixFileSystem::Remove(const std::wstring& path, bool recursive) {
-    std::error_code ec;
-    const fs::path target = path::ToFs(path);
-    if (recursive) {
-        fs::remove_all(target, ec);
-    } else {
-        fs::remove(target, ec);
-    }
-    return !ec && !fs::exists(fs::symlink_status(target, ec));
-}
-
-bool PosixFileSystem::CopyFile(const std::wstring& from, const std::wstring& to) {
-    std::error_code ec;
-    return fs::copy_file(path::ToFs(from), path::ToFs(to), fs::copy_options::overwrite_existing, ec) && !ec;
-}
-
-bool PosixFileSystem::CopyDirectory(const std::wstring& from, const std::wstring& to) {
-    std::error_code ec;
-    const fs::path source = path::ToFs(from);
-    const fs::path target = path::ToFs(to);
-    if (!fs::is_directory(source, ec)) return false;
-    fs::create_directories(target, ec);
-    bool ok = !ec;
-    // Walked by hand: links are not followed (a link could pull any file of
-    // the system into an archive) and special files are not opened.
-    fs::recursive_directory_iterator it(source, fs::directory_options::none, ec), end;
-    if (ec) return false;
-    for (; it != end; it.increment(ec)) {
-        if (ec) return false;
-        const auto status = it->symlink_status(ec);
-        if (ec) {
-            ok = false;
-            continue;
-        }
-        const fs::path destination = target / fs::relative(it->path(), source, ec);
-        if (ec) {
-            ok = false;
-            continue;
-        }
-        if (fs::is_directory(status)) {
-            fs::create_directories(destination, ec);
-        } else if (fs::is_regular_file(status)) {
-            fs::copy_file(it->path(), destination, fs::copy_options::overwrite_existing, ec);
-        }
-        if (ec) ok = false;
-    }
-    return ok;
-}
-
-std::optional<std::uint64_t> PosixFileSystem::FileSize(const std::wstring& path) {
-    std::error_code ec;
-    const auto size = fs::file_size(path::ToFs(path), ec);
-    if (ec) return std::nullopt;
-    return static_cast<std::uint64_t>(size);
-}
-
-bool PosixFileSystem::ReadFile(const std::wstring& path, std::string& contents) {
-    // Not through a link and never a FIFO or device: the module reads files in
-    // folders that other users may write to (a plug-in's user folder).
-    const int fd = ::open(path::ToFs(path).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
-    if (fd < 0) return false;
-    struct stat info {};
-    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-        ::close(fd);
-        return false;
-    }
-    contents.clear();
-    char buffer[65536];
-    bool ok = true;
-    for (;;) {
-        const ssize_t got = ::read(fd, buffer, sizeof buffer);
-        if (got < 0) {
-            if (errno == EINTR) continue;
-            ok = false;
-            break;
-        }
-        if (got == 0) break;
-        contents.append(buffer, static_cast<std::size_t>(got));
-    }
-    ::close(fd);
-    return ok;
-}
-
-bool PosixFileSystem::WriteFile(const std::wstring& path, std::string_view contents) {
-    const int fd = ::open(path::ToFs(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) return false;
-    const bool ok = WriteAll(fd, contents);
-    return ::close(fd) == 0 && ok;
-}
-
-bool PosixFileSystem::WriteFileAtomically(const std::wstring& path, std::string_view contents) {
-    static std::atomic<unsigned> sequence{0};
-    const fs::path target = path::ToFs(path);
-    fs::path temporary = target;
-    temporary += ".tmp." + std::to_string(::getpid()) + "." + std::to_string(sequence.fetch_add(1));
-    const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0) return false;
-    bool ok = WriteAll(fd, contents) && ::fsync(fd) == 0;
-    ok = (::close(fd) == 0) && ok;
-    if (ok) ok = ::rename(temporary.c_str(), target.c_str()) == 0;
-    if (!ok) {
-        ::unlink(temporary.c_str());
-        return false;
-    }
-    SyncParent(target);
-    return true;
-}
-
-std::vector<std::wstring> PosixFileSystem::ListFiles(const std::wstring& folder, bool recursive) {
-    std::vector<std::wstring> files;
-    std::error_code ec;
-    const fs::path root = path::ToFs(folder);
-    if (recursive) {
-        for (fs::recursive_directory_iterator it(root, fs::directory_options::skip_permission_denied, ec), end;
-             !ec && it != end; it.increment(ec)) {
-            if (it->is_regular_file(ec)) files.push_back(path::FromFs(it->path()));
-        }
-    } else {
-        for (fs::directory_iterator it(root, fs::directory_options::skip_permission_denied, ec), end;
-             !ec && it != end; it.increment(ec)) {
-            if (it->is_regular_file(ec)) files.push_back(path::FromFs(it->path()));
-        }
-    }
-    return files;
+    return std::make_unique<PosixFolder>(std::move(fd), path);
 }
 
 std::optional<std::uint64_t> PosixFileSystem::FreeSpace(const std::wstring& path) {

@@ -1,4 +1,6 @@
-// FileSystemEnv over std::filesystem and POSIX calls.
+// FileSystemEnv over POSIX descriptors: a Folder is an open directory, and
+// every entry is reached with the *at() calls relative to it, with
+// O_NOFOLLOW, so the kernel does the no-link check at the moment of use.
 #pragma once
 
 #include "platform/env/FileSystemEnv.h"
@@ -7,17 +9,7 @@ namespace zep::platform {
 
 class PosixFileSystem : public FileSystemEnv {
 public:
-    bool FileExists(const std::wstring& path) override;
-    bool DirectoryExists(const std::wstring& path) override;
-    bool CreateDirectory(const std::wstring& path, bool recursive) override;
-    bool Remove(const std::wstring& path, bool recursive) override;
-    bool CopyFile(const std::wstring& from, const std::wstring& to) override;
-    bool CopyDirectory(const std::wstring& from, const std::wstring& to) override;
-    std::optional<std::uint64_t> FileSize(const std::wstring& path) override;
-    bool ReadFile(const std::wstring& path, std::string& contents) override;
-    bool WriteFile(const std::wstring& path, std::string_view contents) override;
-    bool WriteFileAtomically(const std::wstring& path, std::string_view contents) override;
-    std::vector<std::wstring> ListFiles(const std::wstring& folder, bool recursive) override;
+    std::unique_ptr<Folder> OpenFolder(const std::wstring& path, FsStatus* status = nullptr) override;
     std::optional<std::uint64_t> FreeSpace(const std::wstring& path) override;
 };
 

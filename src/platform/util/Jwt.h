@@ -1,7 +1,7 @@
-// The pieces of compact JSON web signature handling that need no platform:
-// strict base64url, splitting a token, and checking a signature with a public
-// key. CoreUtility::VerifyJWT (Jwt.cpp) combines them with the platform
-// policy's keys and clock.
+// Compact JSON web signatures: strict base64url, splitting a token, and
+// checking a signature with a public key (the last with the system's own
+// cryptography, see Crypto.h). CoreUtility::VerifyJWT combines them with the
+// platform policy's keys and clock.
 #pragma once
 
 #include <optional>

@@ -1,0 +1,222 @@
+// Paths below the trusted roots: nothing the agent reads, writes, copies or
+// deletes there may be reached through a link, whatever depth it is put at.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "platform/agent/CommonBase.h"
+#include "platform/env/Beneath.h"
+#include "platform/util/Paths.h"
+#include "support/TestPlatform.h"
+
+namespace zep::platform {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ReadText;
+using testing::WriteText;
+
+TEST(LocateBelowTest, TakesTheInnermostRootAndNeverClimbsOut) {
+    const std::vector<std::wstring> roots = {L"/data", L"/data/zep/", L"/tmp/"};
+    struct Case {
+        std::wstring path;
+        std::optional<std::wstring> root;
+        std::vector<std::wstring> below;
+    };
+    const std::vector<Case> cases = {
+        {L"/data/zep/a//b/", L"/data/zep/", {L"a", L"b"}},
+        {L"/data/other", L"/data", {L"other"}},
+        {L"/data", L"/data", {}},
+        {L"/tmp/x", L"/tmp/", {L"x"}},
+        {L"/database/x", std::nullopt, {}},         // a prefix of the text is not a folder
+        {L"data/zep/x", std::nullopt, {}},          // relative is not absolute
+        {L"/data/zep/../../etc", std::nullopt, {}}, // climbing is refused, not resolved
+        {L"/data/./x", std::nullopt, {}},
+        {L"/elsewhere", std::nullopt, {}},
+    };
+    for (const auto& c : cases) {
+        const auto located = LocateBelow(c.path, roots);
+        ASSERT_EQ(located.has_value(), c.root.has_value()) << path::FromFs(c.path).size();
+        if (!located) continue;
+        EXPECT_EQ(located->root, *c.root);
+        EXPECT_EQ(located->below, c.below);
+    }
+}
+
+class TrustedPathsTest : public ::testing::Test {
+protected:
+    // The agent's data root holds a/b/c/file.txt; a victim folder outside
+    // every root mirrors what an attacker wants the agent to touch.
+    TrustedPathsTest() {
+        WriteText(Data() / "a" / "b" / "c" / "file.txt", "agent");
+        for (const auto* tail : {"", "b", "b/c", "c"}) WriteText(Victim() / tail / "file.txt", "victim");
+        WriteText(Victim() / "b" / "c" / "Log" / "secret.log", "victim");
+    }
+
+    fs::path Data() const { return platform.rootPath / "programdata"; }
+    fs::path Victim() const { return platform.rootPath / "victim"; }
+    std::wstring Wide(const fs::path& path) const { return path::FromFs(path); }
+
+    // Replaces the folder `relative` below the data root by a link to the
+    // victim's folder of the same shape.
+    void PlantLink(const fs::path& relative, const fs::path& target) {
+        fs::remove_all(Data() / relative);
+        fs::create_directory_symlink(target, Data() / relative);
+    }
+
+    // Every file below the victim folder with its content.
+    std::vector<std::string> VictimState() const {
+        std::vector<std::string> state;
+        for (const auto& entry : fs::recursive_directory_iterator(Victim())) {
+            state.push_back(entry.path().string() + "=" + (entry.is_regular_file() ? ReadText(entry.path()) : "/"));
+        }
+        std::sort(state.begin(), state.end());
+        return state;
+    }
+
+    testing::TestPlatform platform;
+};
+
+TEST_F(TrustedPathsTest, NoOperationPassesThroughALinkAtAnyDepth) {
+    struct Operation {
+        const char* name;
+        std::function<bool(const std::wstring& file, const std::wstring& folder)> run;
+    };
+    const std::vector<Operation> operations = {
+        {"read", [](const std::wstring& file, const std::wstring&) {
+             std::string text;
+             return FileSystem::readFile(file, text);
+         }},
+        {"write", [](const std::wstring& file, const std::wstring&) {
+             return FileSystem::writeFileAtomically(file, "agent");
+         }},
+        {"truncate", [](const std::wstring& file, const std::wstring&) { return FileSystem::writeFile(file, "x"); }},
+        {"delete file", [](const std::wstring& file, const std::wstring&) {
+             return FileSystem::deleteDirectoryOrFile(file, false);
+         }},
+        {"delete tree", [](const std::wstring&, const std::wstring& folder) {
+             return FileSystem::deleteDirectoryOrFile(folder + L"/Log", true);
+         }},
+        {"create", [](const std::wstring&, const std::wstring& folder) {
+             return FileSystem::createDirectory(folder + L"/latest/deep", true);
+         }},
+        {"copy out", [this](const std::wstring&, const std::wstring& folder) {
+             return FileSystem::copyDir(folder, Wide(Data() / "copy"));
+         }},
+        {"exists", [](const std::wstring& file, const std::wstring&) { return FileSystem::fileExists(file); }},
+        {"hash", [](const std::wstring& file, const std::wstring&) {
+             return !utility::GetFileHash(file, L"SHA-256").empty();
+         }},
+    };
+    // The link replaces a, a/b or a/b/c; each points at the victim's folder
+    // that has the shape of what it replaces.
+    const std::vector<std::pair<fs::path, fs::path>> links = {
+        {"a", Victim()}, {"a/b", Victim() / "b"}, {"a/b/c", Victim() / "b" / "c"}};
+    const auto before = VictimState();
+    for (const auto& [where, target] : links) {
+        for (const auto& operation : operations) {
+            PlantLink(where, target);
+            const std::wstring folder = Wide(Data() / "a" / "b" / "c");
+            EXPECT_FALSE(operation.run(folder + L"/file.txt", folder))
+                << operation.name << " through a link at " << where;
+            EXPECT_EQ(VictimState(), before) << operation.name << " through a link at " << where;
+            fs::remove(Data() / where);
+            WriteText(Data() / "a" / "b" / "c" / "file.txt", "agent");
+        }
+    }
+    // Without links, the same operations work.
+    fs::create_directories(Data() / "a" / "b" / "c" / "Log");
+    for (const auto& operation : operations) {
+        const std::wstring folder = Wide(Data() / "a" / "b" / "c");
+        WriteText(Data() / "a" / "b" / "c" / "file.txt", "agent");
+        EXPECT_TRUE(operation.run(folder + L"/file.txt", folder)) << operation.name;
+    }
+}
+
+TEST_F(TrustedPathsTest, ALinkIsRemovedAsALinkAndNeverListedOrCopied) {
+    fs::create_directory_symlink(Victim(), Data() / "a" / "to-victim");
+    fs::create_symlink(Victim() / "file.txt", Data() / "a" / "file-link.txt");
+
+    std::vector<std::wstring> files;
+    FileSystem::GetFileListForFolder(Wide(Data() / "a"), L"", files);
+    EXPECT_THAT(files, ::testing::ElementsAre(Wide(Data() / "a" / "b" / "c" / "file.txt")));
+    EXPECT_TRUE(FileSystem::copyDir(Wide(Data() / "a"), Wide(Data() / "copy")));
+    EXPECT_TRUE(fs::exists(Data() / "copy" / "b" / "c" / "file.txt"));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(Data() / "copy" / "to-victim")));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(Data() / "copy" / "file-link.txt")));
+
+    const auto before = VictimState();
+    EXPECT_TRUE(FileSystem::deleteDirectoryOrFile(Wide(Data() / "a"), true));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(Data() / "a")));
+    EXPECT_EQ(VictimState(), before);
+}
+
+TEST_F(TrustedPathsTest, SpecialFilesAndSecondNamesAreRefusedWithoutWaiting) {
+    const fs::path fifo = Data() / "a" / "x.json";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    ASSERT_EQ(::link((Victim() / "file.txt").c_str(), (Data() / "a" / "hard.txt").c_str()), 0);
+
+    const auto start = std::chrono::steady_clock::now();
+    std::string text;
+    EXPECT_FALSE(FileSystem::readFile(Wide(fifo), text));
+    EXPECT_FALSE(FileSystem::writeFile(Wide(fifo), "x"));
+    EXPECT_FALSE(FileSystem::fileExists(Wide(fifo)));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+
+    // Writing through a second name would change the victim's file.
+    EXPECT_FALSE(FileSystem::writeFile(Wide(Data() / "a" / "hard.txt"), "agent"));
+    EXPECT_EQ(ReadText(Victim() / "file.txt"), "victim");
+    // Replacing the name is fine: the victim keeps its file.
+    EXPECT_TRUE(FileSystem::writeFileAtomically(Wide(Data() / "a" / "hard.txt"), "agent"));
+    EXPECT_EQ(ReadText(Victim() / "file.txt"), "victim");
+}
+
+TEST_F(TrustedPathsTest, ReadsAreBoundedAndTailsStartAtALine) {
+    const fs::path file = Data() / "history.log";
+    WriteText(file, "first line\nsecond\nthird\n");
+    std::string text;
+    EXPECT_FALSE(FileSystem::readFile(Wide(file), text, 10));
+    EXPECT_TRUE(text.empty());
+    EXPECT_EQ(platform.log->Count("is larger than 10 bytes; not read"), 1u);
+    EXPECT_TRUE(FileSystem::readFile(Wide(file), text, 64));
+    EXPECT_EQ(text, "first line\nsecond\nthird\n");
+
+    EXPECT_TRUE(FileSystem::readFileTail(Wide(file), 10, text));
+    EXPECT_EQ(text, "third\n");  // "d\nthird\n" loses its cut first line
+    EXPECT_TRUE(FileSystem::readFileTail(Wide(file), 100, text));
+    EXPECT_EQ(text, "first line\nsecond\nthird\n");
+}
+
+TEST_F(TrustedPathsTest, ALockExcludesEveryOtherHolderUntilReleased) {
+    const auto folder = FileSystem::openFolder(Wide(Data()), false);
+    ASSERT_NE(folder, nullptr);
+    FsStatus status;
+    auto first = folder->Lock(L".lock", false, &status);
+    ASSERT_NE(first, nullptr);
+    EXPECT_EQ(folder->Lock(L".lock", false, &status), nullptr);
+    EXPECT_EQ(status.error, FsError::Busy);
+    first.reset();
+    EXPECT_NE(folder->Lock(L".lock", false), nullptr);
+}
+
+TEST_F(TrustedPathsTest, PathsOutsideTheRootsAreUsedAsGiven) {
+    // The caller named this folder: a link on the way to it is its business.
+    fs::create_directory_symlink(Victim(), platform.rootPath / "shortcut");
+    std::string text;
+    EXPECT_TRUE(FileSystem::readFile(Wide(platform.rootPath / "shortcut" / "file.txt"), text));
+    EXPECT_EQ(text, "victim");
+    EXPECT_TRUE(FileSystem::createDirectory(Wide(platform.rootPath / "new" / "deeper"), true));
+    EXPECT_TRUE(fs::is_directory(platform.rootPath / "new" / "deeper"));
+}
+
+}  // namespace
+}  // namespace zep::platform
