@@ -40,7 +40,7 @@
 #include "platform/env/Env.h"
 #include "platform/device/InProcessHub.h"
 #include "platform/util/Strings.h"
-#include "platform/posix/DeviceFolderEnv.h"
+#include "platform/device/DeviceFolder.h"
 
 namespace {
 

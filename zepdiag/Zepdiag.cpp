@@ -21,7 +21,7 @@
 #include "platform/device/InProcessHub.h"
 #include "platform/util/Strings.h"
 #include "platform/agent/ZEPNotificationData.h"
-#include "platform/posix/DeviceFolderEnv.h"
+#include "platform/device/DeviceFolder.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "platform/posix/DeviceFolderEnv.h"
+#include "platform/device/DeviceFolder.h"
 
 #include <sys/stat.h>
 

@@ -242,6 +242,53 @@ TEST_F(PluginRequestTest, ElevatedAndUserInstancesHaveFoldersZipsAndUploadsOfThe
     EXPECT_FALSE(fs::exists(UserFolder() / "context"));
 }
 
+// The user owns the folders below their Local AppData, the agent runs with
+// more rights: a link there must not let the user have the agent pack,
+// upload, write or delete anything elsewhere, whether the link is there
+// before the request or swapped in by the plug-in while it answers.
+TEST_F(PluginRequestTest, ALinkInTheUsersPluginFolderLeadsTheAgentNowhere) {
+    LogInUser();
+    platform.extensions->plugins[L"pluginx"].elevations = {ElevationType::User};
+    platform.extensions->answers[ElevationType::User] = {true, true, false, true};  // wants its files gone
+    const fs::path victim = platform.rootPath / "victim";
+    const auto victimState = [&] {
+        std::set<std::string> state;
+        for (const auto& entry : fs::recursive_directory_iterator(victim)) {
+            state.insert(entry.path().string() + "=" + ReadText(entry.path()));
+        }
+        return state;
+    };
+    const auto plantLink = [&](const fs::path& where, const fs::path& target) {
+        fs::remove_all(where);
+        fs::create_directories(where.parent_path());
+        fs::create_directory_symlink(target, where);
+    };
+    for (const auto* folder : {"", "com.quorin.pluginx/diagnostics/"}) {
+        WriteText(victim / folder / "context" / "secret.txt", "secret");
+        WriteText(victim / folder / "Log" / "secret.log", "secret");
+        WriteText(victim / folder / "component-result.json", R"({"componentId":"victim"})");
+    }
+    const auto before = victimState();
+
+    // A link in place of the diagnostics folder, and one a level higher.
+    plantLink(UserFolder(), victim);
+    Request();
+    plantLink(UserFolder().parent_path().parent_path(), victim);
+    Request();
+    EXPECT_TRUE(platform.extensions->Commands().empty());
+    EXPECT_EQ(platform.log->Count("elevation : 2, folder creation failed"), 2u);
+
+    // The plug-in swaps its real folder for a link while it answers.
+    fs::remove(UserFolder().parent_path().parent_path());
+    platform.extensions->onSend = [&](const ScriptedExtensions::Command&) { plantLink(UserFolder(), victim); };
+    Request();
+    EXPECT_EQ(platform.extensions->Commands().size(), 1u);
+
+    EXPECT_EQ(victimState(), before);
+    EXPECT_TRUE(platform.storage->Uploads().empty());
+    EXPECT_TRUE(platform.log->Contains("zip creation failed for plugin=com.quorin.pluginx elev=:User"));
+}
+
 TEST_F(PluginRequestTest, AUserInstanceWithNobodyLoggedInIsSkippedAndTheNextElevationStillRuns) {
     platform.extensions->plugins[L"pluginx"].elevations = {ElevationType::User, ElevationType::Elevated};
 

@@ -256,6 +256,12 @@ bool ReadAll(InputFile& file, std::uint64_t limit, std::string& contents, FsStat
     return ReadRest(file, limit, contents, status);
 }
 
+bool ReadFileIn(Folder& folder, std::wstring_view name, std::uint64_t limit, std::string& contents,
+                FsStatus* status) {
+    const auto file = folder.OpenFile(name, status);
+    return file && ReadAll(*file, limit, contents, status);
+}
+
 bool ReadTail(InputFile& file, std::uint64_t maxBytes, std::string& contents, FsStatus* status) {
     const std::uint64_t size = file.Info().size;
     const bool cut = size > maxBytes;

@@ -68,6 +68,10 @@ private:
 // (FsError::TooLarge) without reading past the limit.
 bool ReadAll(InputFile& file, std::uint64_t limit, std::string& contents, FsStatus* status = nullptr);
 
+// Reads the regular file `name` of `folder`, at most `limit` bytes.
+bool ReadFileIn(Folder& folder, std::wstring_view name, std::uint64_t limit, std::string& contents,
+                FsStatus* status = nullptr);
+
 // Reads the end of an open file: at most `maxBytes`, starting at a line
 // start (the first, possibly cut, line is dropped when the file is longer).
 bool ReadTail(InputFile& file, std::uint64_t maxBytes, std::string& contents, FsStatus* status = nullptr);

@@ -9,8 +9,8 @@
 // Walking down from a folder the module trusts therefore never leaves it.
 //
 // Paths are wide strings in the running system's form (see util/Paths.h).
-// Implementations are safe to use from several threads (one object from one
-// thread at a time); no operation throws.
+// A Folder may be used from several threads at once; a file object from one
+// thread at a time. No operation throws.
 #pragma once
 
 #include <cstdint>

@@ -1,29 +1,14 @@
-#include "platform/util/JsonText.h"
-#include "platform/posix/PlatformPolicyFile.h"
+#include "platform/device/PlatformPolicyFile.h"
 
-#include <fstream>
-#include <memory>
 #include <string>
 
 #include <json/json.h>
 
+#include "platform/util/JsonText.h"
 #include "platform/util/Strings.h"
 
 namespace zep::platform {
 namespace {
-
-// A policy is a few kilobytes of addresses and keys.
-constexpr std::size_t kMaxPolicyBytes = 1024 * 1024;
-
-bool ReadSmallFile(const std::filesystem::path& file, std::string& text) {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) return false;
-    text.resize(kMaxPolicyBytes + 1);
-    in.read(text.data(), static_cast<std::streamsize>(text.size()));
-    if (in.bad()) return false;
-    text.resize(static_cast<std::size_t>(in.gcount()));
-    return text.size() <= kMaxPolicyBytes;
-}
 
 // Each field is read on its own: a value of the wrong type leaves only that
 // field empty, so one mistake in a hand-edited file costs one setting.
@@ -49,11 +34,9 @@ void SetList(const Json::Value& root, const char* key, void (PlatformPolicy::*se
 
 }  // namespace
 
-PlatformPolicy LoadPlatformPolicy(const std::filesystem::path& file) {
+PlatformPolicy ParsePlatformPolicy(std::string_view text) {
     PlatformPolicy policy;
     try {
-        std::string text;
-        if (!ReadSmallFile(file, text)) return policy;
         zep::json::ParseOptions options;
         options.stackLimit = 16;
         options.failIfExtra = true;

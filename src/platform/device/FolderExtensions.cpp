@@ -1,9 +1,6 @@
-#include "platform/util/JsonText.h"
-#include "platform/posix/FolderExtensions.h"
+#include "platform/device/FolderExtensions.h"
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -12,7 +9,9 @@
 
 #include <json/json.h>
 
+#include "platform/env/Beneath.h"
 #include "platform/env/Env.h"
+#include "platform/util/JsonText.h"
 #include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
 
@@ -23,7 +22,7 @@ namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kDefaultTimeout{120};
 // A manifest is a few lines; anything this large is not one.
-constexpr std::uintmax_t kMaxManifestBytes = 64 * 1024;
+constexpr std::uint64_t kMaxManifestBytes = 64 * 1024;
 
 // Strict: trailing garbage makes a damaged document, and deep nesting (which
 // JsonCpp would throw on) is refused as malformed.
@@ -34,13 +33,11 @@ std::optional<Json::Value> ParseObject(std::string_view text) {
     return zep::json::ParseObject(text, options);
 }
 
-std::optional<Json::Value> ReadObject(const fs::path& file) {
-    std::error_code error;
-    const std::uintmax_t size = fs::file_size(file, error);
-    if (error || size > kMaxManifestBytes) return std::nullopt;
-    std::ifstream in(file, std::ios::binary);
-    if (!in) return std::nullopt;
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+// Through the seam's reader: never a link, a FIFO or more than the limit.
+std::optional<Json::Value> ReadManifest(const fs::path& folder) {
+    const auto open = CurrentEnv()->files->OpenFolder(path::FromFs(folder));
+    std::string text;
+    if (!open || !ReadFileIn(*open, L"plugin.json", kMaxManifestBytes, text)) return std::nullopt;
     return ParseObject(text);
 }
 
@@ -60,7 +57,7 @@ std::optional<ElevationType> ElevationNamed(const std::string& name) {
 }
 
 std::optional<Plugin> ReadPlugin(const fs::path& folder) {
-    const std::optional<Json::Value> manifest = ReadObject(folder / "plugin.json");
+    const std::optional<Json::Value> manifest = ReadManifest(folder);
     if (!manifest) return std::nullopt;
     const Json::Value& id = (*manifest)["id"];
     const Json::Value& program = (*manifest)["program"];
@@ -98,13 +95,14 @@ bool IsPluginFolderName(const std::wstring& target) {
 }
 
 // The plug-in folders, sorted by name so that every lookup sees them in the
-// same order.
+// same order; links are not plug-ins.
 std::vector<fs::path> PluginFolders(const fs::path& pluginsDir) {
     std::vector<fs::path> folders;
-    std::error_code error;
-    for (fs::directory_iterator it(pluginsDir, error), end; !error && it != end; it.increment(error)) {
-        std::error_code kind;
-        if (it->is_directory(kind)) folders.push_back(it->path());
+    const auto open = CurrentEnv()->files->OpenFolder(path::FromFs(pluginsDir));
+    std::vector<EntryInfo> entries;
+    if (!open || !open->List(entries)) return folders;
+    for (const auto& entry : entries) {
+        if (entry.kind == EntryKind::Folder) folders.push_back(pluginsDir / path::ToFs(entry.name));
     }
     std::sort(folders.begin(), folders.end());
     return folders;

@@ -1,0 +1,40 @@
+// The platform of a device folder: the agent's state, policies, folders and
+// logs all live in one directory, so that a device can be set up, changed by
+// scripts and scanned for real without the agent's service.
+//
+//   DIR/device.json      identity and state (re-read when it changes)
+//   DIR/registry.reg     registry values, in the registry editor's format
+//   DIR/programdata/     the agent's application-data root (Log/, DB/, ...)
+//   DIR/temp/            the system's temporary folder
+//   DIR/users/<user>/    the logged-in user's profile
+//   DIR/plugins/, DIR/outbox/, DIR/events.log, DIR/update-policy.json, ...
+//
+// It is built on the running system's own Env (files, processes, clocks),
+// replacing the agent's parts; the folder's files are read through the seam,
+// each with a size limit.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "DiagnosticScanner/Export.h"
+#include "platform/env/Env.h"
+
+namespace zep::platform {
+
+struct DeviceFolderOptions {
+    // registry.reg stands in for the registry. Off, the system's own
+    // registry is used (on Windows, where the host imports registry.reg).
+#ifdef _WIN32
+    bool registryFromFile = false;
+#else
+    bool registryFromFile = true;
+#endif
+};
+
+// The Env of the device folder `deviceDir` (created when missing), with
+// `hub` as its notification hub.
+DIAGSCANNER_API Env MakeDeviceFolderEnv(const std::wstring& deviceDir, std::shared_ptr<HubEnv> hub,
+                                        const DeviceFolderOptions& options = {});
+
+}  // namespace zep::platform
