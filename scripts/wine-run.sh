@@ -3,17 +3,18 @@
 # CMAKE_CROSSCOMPILING_EMULATOR of cmake/mingw-w64-x86_64.cmake.
 #
 #   wine-run.sh [--prefix DIR] PROGRAM [ARGS...]   exit status: the program's
-#   wine-run.sh [--prefix DIR] --start-server      a wineserver that stays
+#   wine-run.sh [--prefix DIR] --start-server      a wineserver that stays (if none runs)
 #   wine-run.sh [--prefix DIR] --stop-server       ends it (and the prefix's programs)
 #
 # DIR defaults to $ZEP_WINE_PREFIX; the prefix is made on first use.
 # WINEDLLOVERRIDES passes through (e.g. powershell.exe=n).
 #
-# Wine starts its wineserver from the first program and the server inherits
-# that program's stdout and stderr, so whoever reads them (ctest, test
-# discovery) waits until the server exits, seconds after the last program,
-# once for many minutes. Every run therefore makes sure a server is up first,
-# started here with its stdio on /dev/null in a session of its own.
+# Wine starts its wineserver from the first program, and the server (with
+# Wine's own background programs) inherits that program's stdout, stderr and
+# any other descriptor: ctest then waits for the server to exit, about 3 s a
+# test, once for many minutes. Every run therefore makes sure a server is up
+# first, started here with nothing of ours open, in a session of its own; it
+# leaves 30 s after the last program.
 set -euo pipefail
 
 wine_dir=/usr/lib/wine
