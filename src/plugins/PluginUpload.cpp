@@ -78,7 +78,7 @@ bool PluginDiagnosticsProcessor::CreatePluginZip(DiagnosticsManager& manager, co
                                                  const std::wstring& pluginId, std::wstring& zipPath) {
     try {
         std::uint64_t freeBytes = 0;
-        if (!FileSystem::GetDiskFreeSpaceEx(diagFolder, freeBytes) ||
+        if (!FileSystem::GetDiskFreeSpaceExW(diagFolder, freeBytes) ||
             freeBytes < DiagnosticsManager::kMinDiskSpaceForPluginZipBytes) {
             g_log.e(L"%s: insufficient disk space for plugin zip, plugin=%s", kZipLabel, pluginId);
             return false;

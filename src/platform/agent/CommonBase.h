@@ -41,7 +41,7 @@ public:
     // Copies what is below `from` into `to`; links and special files are left out.
     static bool copyDir(const std::wstring& from, const std::wstring& to);
     // Bytes free to the caller on the volume of `path`; false when unknown.
-    static bool GetDiskFreeSpaceEx(const std::wstring& path, std::uint64_t& freeBytes);
+    static bool GetDiskFreeSpaceExW(const std::wstring& path, std::uint64_t& freeBytes);
     // Size in bytes; 0 when the file cannot be read.
     static std::uint64_t fileSize(const std::wstring& path);
     // Reads a whole regular file of at most `limit` bytes (never a FIFO or a

@@ -105,7 +105,7 @@ bool FileSystem::copyDir(const std::wstring& from, const std::wstring& to) {
     return target != nullptr && zep::platform::CopyTree(*source, *target);
 }
 
-bool FileSystem::GetDiskFreeSpaceEx(const std::wstring& path, std::uint64_t& freeBytes) {
+bool FileSystem::GetDiskFreeSpaceExW(const std::wstring& path, std::uint64_t& freeBytes) {
     const auto available = CurrentEnv()->files->FreeSpace(path);
     if (!available) return false;
     freeBytes = *available;
@@ -141,7 +141,7 @@ bool FileSystem::readFileTail(const std::wstring& path, std::uint64_t maxBytes, 
 
 bool FileSystem::writeFile(const std::wstring& path, const std::string& contents) {
     return WithParent(path, false, [&](Folder* parent, const std::wstring& name) {
-        auto out = parent ? parent->CreateFile(name, Folder::Create::Truncate) : nullptr;
+        auto out = parent ? parent->OpenForWriting(name, Folder::Create::Truncate) : nullptr;
         if (!out) return false;
         const bool written = out->Write(contents);
         return out->Close() && written;

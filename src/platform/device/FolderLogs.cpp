@@ -18,7 +18,7 @@ public:
         : folder_(std::move(folder)), name_(std::move(name)), maxFiles_(maxFiles < 1 ? 1 : maxFiles) {}
 
     bool Open() {
-        out_ = folder_->CreateFile(name_, Folder::Create::Append);
+        out_ = folder_->OpenForWriting(name_, Folder::Create::Append);
         const auto entry = folder_->Stat(name_);
         size_ = entry ? entry->size : 0;
         return out_ != nullptr;

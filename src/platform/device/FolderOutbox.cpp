@@ -28,14 +28,14 @@ std::string IsoUtc(std::chrono::system_clock::time_point time) {
 // One line in one write on a file opened for appending, so that lines of
 // concurrent writers never interleave.
 bool AppendLine(Folder& folder, std::wstring_view name, const std::string& line) {
-    auto out = folder.CreateFile(name, Folder::Create::Append);
+    auto out = folder.OpenForWriting(name, Folder::Create::Append);
     if (!out) return false;
     const bool written = out->Write(line + "\n");
     return out->Close() && written;
 }
 
 bool WriteNew(Folder& folder, std::wstring_view name, std::string_view bytes) {
-    auto out = folder.CreateFile(name, Folder::Create::New);
+    auto out = folder.OpenForWriting(name, Folder::Create::New);
     if (!out) return false;
     const bool written = out->Write(bytes) && out->Sync();
     return out->Close() && written;

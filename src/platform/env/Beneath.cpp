@@ -285,7 +285,7 @@ bool WriteAtomically(Folder& folder, std::wstring_view name, std::string_view co
     FsStatus created;
     for (int attempt = 0; attempt < 100 && !out; ++attempt) {
         temporary = UniqueTemporaryName(name);
-        out = folder.CreateFile(temporary, Folder::Create::New, &created);
+        out = folder.OpenForWriting(temporary, Folder::Create::New, &created);
         if (!out && created.error != FsError::Exists) break;
     }
     if (!out) {
@@ -304,7 +304,7 @@ bool WriteAtomically(Folder& folder, std::wstring_view name, std::string_view co
 }
 
 bool CopyInto(InputFile& from, Folder& to, std::wstring_view name, FsStatus* status) {
-    auto out = to.CreateFile(name, Folder::Create::Truncate, status);
+    auto out = to.OpenForWriting(name, Folder::Create::Truncate, status);
     if (!out) return false;
     std::string chunk(kChunkBytes, '\0');
     bool ok = true;

@@ -111,7 +111,7 @@ public:
     // Opens the folder `name`, creating it first when it does not exist.
     virtual std::unique_ptr<Folder> CreateFolder(std::wstring_view name, FsStatus* status = nullptr) = 0;
     virtual std::unique_ptr<InputFile> OpenFile(std::wstring_view name, FsStatus* status = nullptr) = 0;
-    virtual std::unique_ptr<OutputFile> CreateFile(std::wstring_view name, Create mode,
+    virtual std::unique_ptr<OutputFile> OpenForWriting(std::wstring_view name, Create mode,
                                                    FsStatus* status = nullptr) = 0;
 
     // Renames an entry of this folder. Without `replace`, an existing `to`

@@ -223,7 +223,7 @@ public:
         return std::make_unique<PosixInputFile>(std::move(fd), InfoOf(std::wstring(name), st));
     }
 
-    std::unique_ptr<OutputFile> CreateFile(std::wstring_view name, Create mode, FsStatus* status) override {
+    std::unique_ptr<OutputFile> OpenForWriting(std::wstring_view name, Create mode, FsStatus* status) override {
         std::string bytes;
         if (!Name(name, bytes, status)) return nullptr;
         int flags = O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
