@@ -22,6 +22,7 @@
 #include "platform/Strings.h"
 #include "platform/ZEPNotificationData.h"
 #include "platform/posix/DeviceFolderEnv.h"
+#include "plugins/PluginFolders.h"
 
 namespace {
 
@@ -169,7 +170,7 @@ std::vector<PluginTarget> ResolvePluginTargets(const std::string& payload) {
         if (env->extensions->TryResolveGetDiagnosticsElevations(zep::text::FromUtf8(name), pluginId, elevations)) {
             target.pluginId = zep::text::ToUtf8(pluginId);
             for (const auto elevation : elevations) {
-                const std::wstring folder = PluginDiagnosticsProcessor::ResolvePluginDiagFolder(elevation, pluginId);
+                const std::wstring folder = zep::plugins::PluginFolders::DiagFolder(elevation, pluginId);
                 PluginInstance instance{ElevationName(elevation), folder.empty() ? fs::path() : FolderPath(folder), {}};
                 if (!instance.folder.empty()) instance.history = SnapshotFile(PluginHistoryPath(instance.folder));
                 target.instances.push_back(std::move(instance));
@@ -219,7 +220,7 @@ std::vector<fs::path> PluginDiagFolders() {
         roots.push_back(FolderPath(*appData) / "plugin-data");
     }
     std::wstring localAppData;
-    if (PluginDiagnosticsProcessor::GetLoggedInUserLocalAppData(localAppData) && !localAppData.empty()) {
+    if (zep::plugins::PluginFolders::LoggedInUserLocalAppData(localAppData) && !localAppData.empty()) {
         roots.push_back(FolderPath(localAppData) / "Quorin" / "Zep" / "plugin-data");
     }
     std::vector<fs::path> folders;

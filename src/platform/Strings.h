@@ -14,10 +14,16 @@ namespace zep::text {
 DIAGSCANNER_API std::string ToUtf8(std::wstring_view wide);
 DIAGSCANNER_API std::wstring FromUtf8(std::string_view utf8);
 
-// ASCII-and-beyond case mapping through the C library's wide classification.
+// Unicode simple case mapping (one character to one character), the same
+// whatever the process's global locale.
 DIAGSCANNER_API std::wstring Lower(std::wstring_view text);
 DIAGSCANNER_API std::wstring Upper(std::wstring_view text);
 DIAGSCANNER_API bool EqualsIgnoreCase(std::wstring_view a, std::wstring_view b);
+
+// `text` with every control character written as \xNN (\uNNNN past U+00FF):
+// C0, DEL, C1 and the Unicode line and paragraph separators, so that a text
+// from outside cannot start a line of its own where it is shown.
+DIAGSCANNER_API std::wstring EscapeControlCharacters(std::wstring_view text);
 
 // Lone-surrogate escaping of raw bytes (see Paths.h).
 DIAGSCANNER_API std::wstring DecodeFileName(std::string_view bytes);

@@ -1,6 +1,8 @@
 // Staging and packing of one scan with the native collection: what the zip
 // holds, what is marked, and what is left behind.
 #include <filesystem>
+#include <iterator>
+#include <utility>
 #include <sstream>
 
 #include <gmock/gmock.h>
@@ -87,6 +89,29 @@ TEST_F(StagingTest, WithoutTheAgentsFolderTheRestIsStillPacked) {
                                        temp.string()));
     EXPECT_TRUE(platform.log->Contains("post-copy ZEP component folder missing (skipping ZEP log/context merge)"));
     EXPECT_FALSE(fs::exists(temp));
+}
+
+// A logical device id from outside can neither move the staging folder out of
+// the latest folder nor give the archive a name that the upload then misses.
+TEST_F(StagingTest, TheLogicalDeviceIdNeitherEscapesNorSplitsTheZipsName) {
+    const std::pair<std::wstring, std::string> cases[] = {
+        {L"LD:1?", "LD_1__scan1.zip"},
+        {L"../../../escape", ".._.._.._escape_scan1.zip"},
+    };
+    for (const auto& [logicalId, zipName] : cases) {
+        platform.device->logicalDeviceId = logicalId;
+        WriteResult("ZEP");
+        manager->CreateZipFolder();
+        manager->UploadDiagnosticsResults();
+        EXPECT_TRUE(fs::is_regular_file(latest / zipName)) << zipName;
+        const auto uploads = platform.storage->Uploads();
+        ASSERT_FALSE(uploads.empty());
+        EXPECT_EQ(uploads.back().filePath, (latest / zipName).string());
+        EXPECT_EQ(std::distance(fs::directory_iterator(latest), fs::directory_iterator()), 2)
+            << "the latest folder holds the zip and the scan result, no staging folder";
+    }
+    EXPECT_FALSE(fs::exists(platform.rootPath / "escape_scan1"));
+    EXPECT_FALSE(fs::exists(platform.rootPath / "escape_scan1.zip"));
 }
 
 }  // namespace
