@@ -92,6 +92,12 @@ int RunInit(const fs::path& dir, std::ostream& out, std::ostream& err) {
     return CreateDemo(dir, out, err) ? 0 : kUnusable;
 }
 
+void ReportNotADevice(const fs::path& dir, std::ostream& err) {
+    err << "zepdiag: " << dir.string()
+        << " is not a device folder (it has neither device.json nor programdata/); "
+           "create one with 'zepdiag init --device <new folder>'\n";
+}
+
 // A device folder ready for the module: a missing or empty one becomes a demo
 // device first. False (with the reason on `err`) when it cannot be used.
 bool PrepareDeviceFolder(const fs::path& dir, std::ostream& out, std::ostream& err) {
@@ -100,9 +106,7 @@ bool PrepareDeviceFolder(const fs::path& dir, std::ostream& out, std::ostream& e
         case FolderKind::Missing:
         case FolderKind::Empty: return CreateDemo(dir, out, err);
         case FolderKind::Other:
-            err << "zepdiag: " << dir.string()
-                << " is not a device folder (it has neither device.json nor programdata/); "
-                   "create one with 'zepdiag init --device <new folder>'\n";
+            ReportNotADevice(dir, err);
             return false;
         case FolderKind::NotADirectory:
             err << "zepdiag: " << dir.string() << " exists and is not a folder\n";
@@ -262,9 +266,20 @@ int RunOnline(const Session& session, std::ostream& out) {
 }
 
 int RunHistory(const fs::path& dir, std::ostream& out, std::ostream& err) {
-    if (InspectDeviceFolder(dir) == FolderKind::NotADirectory) {
-        err << "zepdiag: " << dir.string() << " exists and is not a folder\n";
-        return kUnusable;
+    // Only read: a folder that is not a device is not made one here.
+    switch (InspectDeviceFolder(dir)) {
+        case FolderKind::Device: break;
+        case FolderKind::Missing:
+            err << "zepdiag: " << dir.string() << " does not exist; create a device folder with 'zepdiag init --device "
+                << dir.string() << "'\n";
+            return kUnusable;
+        case FolderKind::Empty:
+        case FolderKind::Other:
+            ReportNotADevice(dir, err);
+            return kUnusable;
+        case FolderKind::NotADirectory:
+            err << "zepdiag: " << dir.string() << " exists and is not a folder\n";
+            return kUnusable;
     }
     out << "Scan history:      " << ScanHistoryPath(dir).string() << "\n\n"
         << FormatHistoryTable(ReadScanHistory(dir));

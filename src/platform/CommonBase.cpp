@@ -39,6 +39,10 @@ std::uint64_t FileSystem::fileSize(const std::wstring& path) { return CurrentEnv
 bool FileSystem::readFile(const std::wstring& path, std::string& contents) {
     return CurrentEnv()->files->ReadFile(path, contents);
 }
+bool FileSystem::readFileTail(const std::wstring& path, std::size_t maxBytes, std::string& contents,
+                              bool& truncated) {
+    return CurrentEnv()->files->ReadFileTail(path, maxBytes, contents, truncated);
+}
 bool FileSystem::writeFile(const std::wstring& path, const std::string& contents) {
     return CurrentEnv()->files->WriteFile(path, contents);
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -31,6 +32,8 @@ public:
     // Size in bytes; 0 when the file cannot be read.
     static std::uint64_t fileSize(const std::wstring& path);
     static bool readFile(const std::wstring& path, std::string& contents);
+    // At most the last `maxBytes` (see FileSystemEnv::ReadFileTail).
+    static bool readFileTail(const std::wstring& path, std::size_t maxBytes, std::string& contents, bool& truncated);
     // Replaces the file atomically (see FileSystemEnv::WriteFileAtomically).
     static bool writeFileAtomically(const std::wstring& path, const std::string& contents);
     // Writes the file, truncating it (not atomic).

@@ -3,6 +3,7 @@
 // none of the operations throws.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -37,6 +38,16 @@ public:
     // Reads a whole regular file. False when it cannot be opened or read, and
     // when `path` is a symbolic link or a special file.
     virtual bool ReadFile(const std::wstring& path, std::string& contents) = 0;
+    // Reads at most the last `maxBytes` of a regular file, by the rules of
+    // ReadFile; `truncated` tells whether the file held more. Backends read
+    // only the tail; this fallback reads the whole file.
+    virtual bool ReadFileTail(const std::wstring& path, std::size_t maxBytes, std::string& contents,
+                              bool& truncated) {
+        if (!ReadFile(path, contents)) return false;
+        truncated = contents.size() > maxBytes;
+        if (truncated) contents.erase(0, contents.size() - maxBytes);
+        return true;
+    }
     // Writes `contents` to `path`, truncating it. False on failure; a failure
     // may leave the file partly written.
     virtual bool WriteFile(const std::wstring& path, std::string_view contents) = 0;
@@ -70,6 +81,10 @@ public:
     std::optional<std::uint64_t> FileSize(const std::wstring& path) override { return target_->FileSize(path); }
     bool ReadFile(const std::wstring& path, std::string& contents) override {
         return target_->ReadFile(path, contents);
+    }
+    bool ReadFileTail(const std::wstring& path, std::size_t maxBytes, std::string& contents,
+                      bool& truncated) override {
+        return target_->ReadFileTail(path, maxBytes, contents, truncated);
     }
     bool WriteFile(const std::wstring& path, std::string_view contents) override {
         return target_->WriteFile(path, contents);

@@ -145,6 +145,35 @@ bool PosixFileSystem::ReadFile(const std::wstring& path, std::string& contents) 
     return ok;
 }
 
+bool PosixFileSystem::ReadFileTail(const std::wstring& path, std::size_t maxBytes, std::string& contents,
+                                   bool& truncated) {
+    // The same guards as ReadFile: no link, never a FIFO or device.
+    const int fd = ::open(path::ToFs(path).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0) return false;
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        ::close(fd);
+        return false;
+    }
+    const auto size = static_cast<std::uint64_t>(info.st_size);
+    truncated = size > maxBytes;
+    const off_t start = truncated ? static_cast<off_t>(size - maxBytes) : 0;
+    contents.assign(truncated ? maxBytes : static_cast<std::size_t>(size), '\0');
+    std::size_t done = 0;
+    bool ok = true;
+    while (done < contents.size()) {
+        const ssize_t got =
+            ::pread(fd, contents.data() + done, contents.size() - done, start + static_cast<off_t>(done));
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) ok = false;
+        if (got <= 0) break;  // shrank meanwhile: what was there is read
+        done += static_cast<std::size_t>(got);
+    }
+    contents.resize(done);
+    ::close(fd);
+    return ok;
+}
+
 bool PosixFileSystem::WriteFile(const std::wstring& path, std::string_view contents) {
     const int fd = ::open(path::ToFs(path).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0) return false;

@@ -15,6 +15,8 @@ public:
     bool CopyDirectory(const std::wstring& from, const std::wstring& to) override;
     std::optional<std::uint64_t> FileSize(const std::wstring& path) override;
     bool ReadFile(const std::wstring& path, std::string& contents) override;
+    bool ReadFileTail(const std::wstring& path, std::size_t maxBytes, std::string& contents,
+                      bool& truncated) override;
     bool WriteFile(const std::wstring& path, std::string_view contents) override;
     bool WriteFileAtomically(const std::wstring& path, std::string_view contents) override;
     std::vector<std::wstring> ListFiles(const std::wstring& folder, bool recursive) override;
