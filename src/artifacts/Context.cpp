@@ -8,6 +8,7 @@
 #include "platform/JsonText.h"
 #include "platform/CommonBase.h"
 #include "platform/Paths.h"
+#include "platform/Strings.h"
 #include "platform/ZEPShared.h"
 
 using zep::path::kSeparator;
@@ -50,8 +51,10 @@ void DiagnosticsManager::AddZEPFolderInfo(const std::wstring& contextFolder) {
         return;
     }
     std::string listing;
+    // Names that are not text are escaped, not replaced: each line names the
+    // one file it lists.
     for (const auto& file : files) {
-        listing += String::UTF16ToUTF8(file);
+        listing += zep::text::ListingText(file);
         listing += '\n';
     }
     const std::wstring path = contextFolder + kSeparator + L"zep_programdata_files.txt";

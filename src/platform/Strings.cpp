@@ -115,6 +115,34 @@ std::string EncodeFileName(std::wstring_view name) {
     return out;
 }
 
+std::string ListingText(std::wstring_view path) {
+    std::string out;
+    out.reserve(path.size());
+    char escape[12];
+    DecodeWide(path, [&](char32_t cp) {
+#ifdef _WIN32
+        if (IsSurrogate(cp)) {
+            std::snprintf(escape, sizeof escape, "<U+%04X>", static_cast<unsigned>(cp));
+            out += escape;
+            return;
+        }
+#else
+        if (cp == U'\\') {
+            out += "\\\\";
+            return;
+        }
+        const bool rawByte = cp >= 0xDC80 && cp <= 0xDCFF;
+        if (rawByte || cp < 0x20 || cp == 0x7F) {
+            std::snprintf(escape, sizeof escape, "\\x%02X", static_cast<unsigned>(rawByte ? cp - 0xDC00 : cp));
+            out += escape;
+            return;
+        }
+#endif
+        AppendUtf8(out, cp);
+    });
+    return out;
+}
+
 std::wstring EscapeControlCharacters(std::wstring_view text) {
     const auto isControl = [](wchar_t c) {
         return c < 0x20 || (c >= 0x7F && c <= 0x9F) || c == 0x2028 || c == 0x2029;

@@ -25,6 +25,15 @@ DIAGSCANNER_API bool EqualsIgnoreCase(std::wstring_view a, std::wstring_view b);
 // from outside cannot start a line of its own where it is shown.
 DIAGSCANNER_API std::wstring EscapeControlCharacters(std::wstring_view text);
 
+// A path as one line of a file listing, UTF-8, naming exactly that file. On
+// POSIX, where names are bytes, "\xNN" stands for the byte NN: a byte that is
+// not part of valid UTF-8, and a control character, which would break the
+// line; a backslash of the name itself is written "\\", so no name can pass
+// for an escape. On Windows, where the backslash separates folders and names
+// are UTF-16, an unpaired surrogate is written "<U+XXXX>" ('<' cannot occur
+// in a Windows name).
+DIAGSCANNER_API std::string ListingText(std::wstring_view path);
+
 // Lone-surrogate escaping of raw bytes (see Paths.h).
 DIAGSCANNER_API std::wstring DecodeFileName(std::string_view bytes);
 DIAGSCANNER_API std::string EncodeFileName(std::wstring_view name);

@@ -53,6 +53,7 @@ protected:
 };
 
 TEST_F(StagingTest, ZipHoldsTheComponentsTheAgentsContextAndTheScanResult) {
+    WriteText(programdata / "DB" / "old\xFF.db", "old");
     WriteResult("ZEP");
     WriteResult("com.quorin.vpn");
     WriteText(latest / "LD-TEST01_old.zip", "old");
@@ -70,6 +71,8 @@ TEST_F(StagingTest, ZipHoldsTheComponentsTheAgentsContextAndTheScanResult) {
     EXPECT_FALSE(fs::exists(latest / "LD-TEST01_scan1")) << "the staging folder is deleted";
     EXPECT_TRUE(ArtifactsProvided());
     auto read = [&](const char* name) { return zep::testing::ZipRead(zip, name).value_or(""); };
+    // A name that is not UTF-8 is listed with its byte escaped, not replaced.
+    EXPECT_NE(read("ZEP/context/zep_programdata_files.txt").find("/DB/old\\xFF.db\n"), std::string::npos);
     EXPECT_TRUE(Parse(read("ZEP/component-result.json"))["artifactsProvided"].asBool());
     EXPECT_EQ(read("ZEP/Log/agent.log"), "{\"gw\":\"[REDACTED_IP]\"}\n");
 }

@@ -66,6 +66,21 @@ TEST(CaseTest, SimpleCaseMappingCoversUnicodeInAnyGlobalLocale) {
     }
 }
 
+// The listing of the agent's folder names each file it lists: bytes that are
+// not text are escaped, and no real name can look like an escape.
+TEST(FileNameTest, ListingTextEscapesWhatIsNotTextReversibly) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"/p/caf\xC3\xA9.log", "/p/caf\xC3\xA9.log"},
+        {"/p/caf\xE9.log", "/p/caf\\xE9.log"},
+        {"/p/caf\\xE9.log", "/p/caf\\\\xE9.log"},  // a real name that reads like an escape
+        {"/p/line\nbreak\x7F", "/p/line\\x0Abreak\\x7F"},
+        {"/p/\xED\xA0\x80\xFF", "/p/\\xED\\xA0\\x80\\xFF"},
+    };
+    for (const auto& [bytes, line] : cases) {
+        EXPECT_EQ(text::ListingText(text::DecodeFileName(bytes)), line) << bytes;
+    }
+}
+
 TEST(FileNameTest, AnyBytesRoundTripThroughWideText) {
     std::string everyByte;
     for (unsigned b = 1; b <= 0xFF; ++b) everyByte.push_back(static_cast<char>(b));
