@@ -11,6 +11,7 @@
 #include <zip.h>
 
 #include "platform/util/Strings.h"
+#include "results/HistoryFile.h"
 
 namespace zepdiag {
 namespace {
@@ -273,7 +274,9 @@ std::optional<fs::path> ScanResultWrittenSince(const fs::path& deviceDir, const 
 
 std::optional<fs::path> FindScanZip(const fs::path& deviceDir, const std::string& scanId) {
     if (scanId.empty()) return std::nullopt;
-    return NewestEndingWith(LatestFolder(deviceDir), "_" + scanId + ".zip");
+    // The module sanitises the name; the latest folder holds one scan's zip.
+    if (auto zip = NewestEndingWith(LatestFolder(deviceDir), "_" + scanId + ".zip")) return zip;
+    return NewestEndingWith(LatestFolder(deviceDir), ".zip");
 }
 
 ZipListing ReadZipListing(const fs::path& zipPath) {
@@ -458,8 +461,10 @@ RunActivity ActivitySince(const fs::path& deviceDir, const ActivitySnapshot& bef
 }
 
 std::vector<std::string> ReadScanHistory(const fs::path& deviceDir) {
-    const FileSnapshot history = SnapshotFile(ScanHistoryPath(deviceDir));
-    return history.exists ? SplitLines(history.content) : std::vector<std::string>{};
+    // Only the tail the module itself reads: a history grown huge prints no more.
+    std::vector<std::string> lines;
+    zep::results::ReadHistoryLines(zep::text::DecodeFileName(ScanHistoryPath(deviceDir).string()), lines);
+    return lines;
 }
 
 std::optional<std::string> LastHistoryLine(const fs::path& deviceDir) {

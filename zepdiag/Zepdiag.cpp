@@ -22,6 +22,7 @@
 #include "platform/util/Strings.h"
 #include "platform/agent/ZEPNotificationData.h"
 #include "platform/device/DeviceFolder.h"
+#include "plugins/PluginFolders.h"
 
 namespace {
 
@@ -91,6 +92,12 @@ int RunInit(const fs::path& dir, std::ostream& out, std::ostream& err) {
     return CreateDemo(dir, out, err) ? 0 : kUnusable;
 }
 
+void ReportNotADevice(const fs::path& dir, std::ostream& err) {
+    err << "zepdiag: " << dir.string()
+        << " is not a device folder (it has neither device.json nor programdata/); "
+           "create one with 'zepdiag init --device <new folder>'\n";
+}
+
 // A device folder ready for the module: a missing or empty one becomes a demo
 // device first. False (with the reason on `err`) when it cannot be used.
 bool PrepareDeviceFolder(const fs::path& dir, std::ostream& out, std::ostream& err) {
@@ -99,9 +106,7 @@ bool PrepareDeviceFolder(const fs::path& dir, std::ostream& out, std::ostream& e
         case FolderKind::Missing:
         case FolderKind::Empty: return CreateDemo(dir, out, err);
         case FolderKind::Other:
-            err << "zepdiag: " << dir.string()
-                << " is not a device folder (it has neither device.json nor programdata/); "
-                   "create one with 'zepdiag init --device <new folder>'\n";
+            ReportNotADevice(dir, err);
             return false;
         case FolderKind::NotADirectory:
             err << "zepdiag: " << dir.string() << " exists and is not a folder\n";
@@ -169,7 +174,7 @@ std::vector<PluginTarget> ResolvePluginTargets(const std::string& payload) {
         if (env->extensions->TryResolveGetDiagnosticsElevations(zep::text::FromUtf8(name), pluginId, elevations)) {
             target.pluginId = zep::text::ToUtf8(pluginId);
             for (const auto elevation : elevations) {
-                const std::wstring folder = PluginDiagnosticsProcessor::ResolvePluginDiagFolder(elevation, pluginId);
+                const std::wstring folder = zep::plugins::PluginFolders::DiagFolder(elevation, pluginId);
                 PluginInstance instance{ElevationName(elevation), folder.empty() ? fs::path() : FolderPath(folder), {}};
                 if (!instance.folder.empty()) instance.history = SnapshotFile(PluginHistoryPath(instance.folder));
                 target.instances.push_back(std::move(instance));
@@ -219,7 +224,7 @@ std::vector<fs::path> PluginDiagFolders() {
         roots.push_back(FolderPath(*appData) / "plugin-data");
     }
     std::wstring localAppData;
-    if (PluginDiagnosticsProcessor::GetLoggedInUserLocalAppData(localAppData) && !localAppData.empty()) {
+    if (zep::plugins::PluginFolders::LoggedInUserLocalAppData(localAppData) && !localAppData.empty()) {
         roots.push_back(FolderPath(localAppData) / "Quorin" / "Zep" / "plugin-data");
     }
     std::vector<fs::path> folders;
@@ -261,9 +266,20 @@ int RunOnline(const Session& session, std::ostream& out) {
 }
 
 int RunHistory(const fs::path& dir, std::ostream& out, std::ostream& err) {
-    if (InspectDeviceFolder(dir) == FolderKind::NotADirectory) {
-        err << "zepdiag: " << dir.string() << " exists and is not a folder\n";
-        return kUnusable;
+    // Only read: a folder that is not a device is not made one here.
+    switch (InspectDeviceFolder(dir)) {
+        case FolderKind::Device: break;
+        case FolderKind::Missing:
+            err << "zepdiag: " << dir.string() << " does not exist; create a device folder with 'zepdiag init --device "
+                << dir.string() << "'\n";
+            return kUnusable;
+        case FolderKind::Empty:
+        case FolderKind::Other:
+            ReportNotADevice(dir, err);
+            return kUnusable;
+        case FolderKind::NotADirectory:
+            err << "zepdiag: " << dir.string() << " exists and is not a folder\n";
+            return kUnusable;
     }
     out << "Scan history:      " << ScanHistoryPath(dir).string() << "\n\n"
         << FormatHistoryTable(ReadScanHistory(dir));

@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "DiagnosticScanner/DiagnosticsParams.h"
+#include "DiagnosticScanner/AgentTypes.h"
 #include "DiagnosticScanner/Export.h"
 #include "DiagnosticScanner/IDiagnosticsGenerator.h"
 #include "DiagnosticScanner/Tests.h"
-#include "platform/agent/FileStorageAgent.h"
 
 class ZEPNotificationData;
 namespace Json {

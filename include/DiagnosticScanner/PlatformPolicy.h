@@ -48,11 +48,9 @@ public:
     void set_device_subscription_list(const TextList& value);
     void set_allow_self_signed_cert(bool value);
 
-protected:
-    // Set by the platform when it loads the policy; modules only read it.
-    std::wstring platform_policy_url_;
-
 private:
+    // The fields in the platform's order, so that the module's copy of the
+    // record has the platform's layout.
     std::wstring config_pull_triggers_;
     std::wstring enterprise_auth_baseuri_;
     std::wstring consumer_auth_baseuri_;
@@ -69,4 +67,8 @@ private:
     TextList tls_leaf_cn_list_;
     TextList device_subscription_list_;
     bool allow_self_signed_cert_ = false;
+
+protected:
+    // Set by the platform when it loads the policy; modules only read it.
+    std::wstring platform_policy_url_;
 };

@@ -7,13 +7,15 @@
 
 #include <string>
 
+#include "DiagnosticScanner/AgentTypes.h"
 #include "DiagnosticScanner/Export.h"
-#include "platform/env/ExtensionEnv.h"
-#include "platform/agent/FileStorageAgent.h"
 
 class DiagnosticsManager;
 namespace Json {
 class Value;
+}
+namespace zep::plugins {
+class PluginFolders;
 }
 
 class DIAGSCANNER_API PluginDiagnosticsProcessor {
@@ -24,6 +26,15 @@ public:
     // queued uploads when the device is back online.
     static void GeneratePluginDiagnosticsForMqttTarget(DiagnosticsManager& manager, const std::wstring& target);
     static void ProcessDeferredPluginUploads(DiagnosticsManager& manager);
+
+private:
+    friend class PluginDiagnosticsProcessorTestPeer;
+    // The host program shows the folders the module resolves.
+    friend class zep::plugins::PluginFolders;
+
+    // One elevation's request, from its folder to its history line.
+    static void RequestForElevation(DiagnosticsManager& manager, const std::wstring& pluginId,
+                                    ElevationType elevation);
 
     // Folders.
     static std::wstring ResolvePluginDiagFolder(ElevationType elevation, const std::wstring& pluginId);
@@ -56,4 +67,9 @@ public:
     static void DeletePluginDiagnosticsArtifacts(DiagnosticsManager& manager, const std::wstring& diagFolder,
                                                  const std::wstring& zipPath);
     static bool ProcessDeferredPluginUpload(DiagnosticsManager& manager, const std::wstring& diagFolder);
+    // Uploads the zip; after a 429 waits a random while (up to five minutes,
+    // so that devices refused together do not return together) and uploads
+    // exactly once more. The second answer stands. `label` opens the log line.
+    static FileStorageAgent::StoragError UploadWithOneRetry(DiagnosticsManager& manager, const std::wstring& zipPath,
+                                                            const char* label);
 };

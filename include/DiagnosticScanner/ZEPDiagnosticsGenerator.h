@@ -4,9 +4,9 @@
 #include <string>
 #include <vector>
 
+#include "DiagnosticScanner/AgentTypes.h"
 #include "DiagnosticScanner/Export.h"
 #include "DiagnosticScanner/IDiagnosticsGenerator.h"
-#include "platform/agent/WinTypes.h"
 
 namespace zep {
 class AgentFactory;
@@ -17,7 +17,6 @@ namespace ZEP {
 class DIAGSCANNER_API ZEPDiagnosticsGenerator : public zep::diagnostics::IDiagnosticsGenerator {
 public:
     ZEPDiagnosticsGenerator();
-    virtual ~ZEPDiagnosticsGenerator() = default;
 
     // Registration (with, for a registered device, the certificate, MQTT and
     // telemetry tests before it), then certificate pinning. The collected list
@@ -41,6 +40,14 @@ protected:
     // missing or the value cannot be read.
     virtual bool GetErrorStatusFromRegistry(const std::wstring& valueName, DWORD& value);
     virtual void CheckXrsApiCertPinningStatus();
+
+public:
+    // Declared after the checks, as the interface declares its destructor
+    // after its operations: the checks take the virtual slots that directly
+    // follow the interface's.
+    virtual ~ZEPDiagnosticsGenerator() = default;
+
+protected:
 
     std::wstring registryKeyPath;
     std::vector<zep::diagnostics::Tests> tests;

@@ -5,10 +5,11 @@
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "artifacts/PowerShellCollection.h"
-#include "platform/util/JsonText.h"
 #include "platform/agent/CommonBase.h"
-#include "platform/util/Paths.h"
 #include "platform/agent/ZEPShared.h"
+#include "platform/util/JsonText.h"
+#include "platform/util/Paths.h"
+#include "platform/util/Strings.h"
 
 using zep::path::kSeparator;
 using zep::path::NativePath;
@@ -50,8 +51,10 @@ void DiagnosticsManager::AddZEPFolderInfo(const std::wstring& contextFolder) {
         return;
     }
     std::string listing;
+    // Names that are not text are escaped, not replaced: each line names the
+    // one file it lists.
     for (const auto& file : files) {
-        listing += String::UTF16ToUTF8(file);
+        listing += zep::text::ListingText(file);
         listing += '\n';
     }
     const std::wstring path = contextFolder + kSeparator + L"zep_programdata_files.txt";

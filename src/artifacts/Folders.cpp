@@ -1,6 +1,7 @@
 // Where a scan's files lie: the persistent diagnostics tree under the agent's
 // data root and the temporary component tree.
 #include "DiagnosticScanner/DiagnosticsManager.h"
+#include "artifacts/ZipNames.h"
 #include "platform/agent/CommonBase.h"
 #include "platform/util/Paths.h"
 
@@ -18,5 +19,6 @@ void DiagnosticsManager::GetComponentFolderPath(std::wstring& out) {
 }
 
 void DiagnosticsManager::GetZipFolderName(std::wstring& out) {
-    out = CoreUtility::GetInstance()->GetLogicalDeviceID() + L"_" + scanID;
+    // Sanitised once, here: staging, packing and upload must agree on it.
+    out = zep::artifacts::ZipFolderName(CoreUtility::GetInstance()->GetLogicalDeviceID(), scanID);
 }

@@ -1,5 +1,7 @@
 #include "artifacts/ZipNames.h"
 
+#include <cstddef>
+
 namespace zep::artifacts {
 namespace {
 
@@ -26,7 +28,39 @@ bool IsPowerShellSingleQuote(wchar_t c) {
     return c == L'\'' || c == L'\u2018' || c == L'\u2019' || c == L'\u201A' || c == L'\u201B';
 }
 
+constexpr std::size_t kMaxZipFolderNameBytes = 200;
+
+// The longest prefix, cut between characters, whose UTF-8 form fits.
+std::wstring CutToUtf8Bytes(const std::wstring& text, std::size_t maxBytes) {
+    std::size_t bytes = 0;
+    std::size_t i = 0;
+    while (i < text.size()) {
+        auto cp = static_cast<char32_t>(text[i]);
+        std::size_t units = 1;
+        if (sizeof(wchar_t) == 2 && cp >= 0xD800 && cp <= 0xDBFF && i + 1 < text.size() &&
+            static_cast<char32_t>(text[i + 1]) >= 0xDC00 && static_cast<char32_t>(text[i + 1]) <= 0xDFFF) {
+            cp = 0x10000;
+            units = 2;
+        }
+        bytes += cp < 0x80 ? 1 : cp < 0x800 ? 2 : cp < 0x10000 ? 3 : 4;
+        if (bytes > maxBytes) break;
+        i += units;
+    }
+    return text.substr(0, i);
+}
+
 }  // namespace
+
+std::wstring ZipFolderName(const std::wstring& logicalDeviceId, const std::wstring& scanName) {
+    std::wstring joined = logicalDeviceId + L"_" + scanName;
+    for (auto& c : joined) {
+        if (IsSeparator(c)) c = L'_';
+    }
+    // Cut before and after: the cut may end in a dot or blank.
+    const std::wstring name =
+        SanitizeZipFileName(CutToUtf8Bytes(SanitizeZipFileName(joined), kMaxZipFolderNameBytes));
+    return name.empty() ? std::wstring(L"_") : name;
+}
 
 std::wstring TrimTrailingSeparators(const std::wstring& path) {
     std::size_t end = path.size();

@@ -76,7 +76,7 @@ std::wstring DiagnosticsManager::ChooseScanName(const std::wstring& id) {
     // that is not one plain path component could point them anywhere.
     std::wstring name = CGuid::NewGuid(1);
     g_log.e(L"%s: request id '%s' cannot name the scan's folders; the scan is named %s",
-            "DiagnosticsManager::GenerateDiagnostics", zep::manager::EscapeForLog(id), name);
+            "DiagnosticsManager::GenerateDiagnostics", id, name);
     return name;
 }
 

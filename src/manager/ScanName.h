@@ -1,21 +1,33 @@
 // Which request ids may name a scan. The scan name becomes a folder that is
-// later deleted recursively, so it must be one harmless path component.
+// later deleted recursively, so it must be one harmless path component; any
+// id that the running system accepts as one file name is kept, so that the
+// cloud can match the upload to its request.
 #pragma once
 
 #include <string>
 
 namespace zep::manager {
 
-inline constexpr std::size_t kMaxScanNameLength = 128;
+// The file-name rules of a system.
+enum class NameRules {
+    // Not empty, not "." or "..", no "/", no control character (C0, DEL, C1),
+    // no lone surrogate, at most 255 bytes as UTF-8.
+    Posix,
+    // Not empty, no control character or lone surrogate, none of < > : " / \ | ? *,
+    // not ending in a dot or blank, not a device name (CON, NUL, COM1, LPT¹,
+    // CONIN$, ... with or without an extension), at most 255 UTF-16 units.
+    Windows,
+};
 
-// True when `name` is a single, portable path component: not empty, not "." or
-// "..", at most 128 characters, without separators, drive colons, control
-// characters or characters Windows forbids in names (* ? " < > |), not ending
-// in a dot or blank, and not a Windows device name (CON, NUL, COM1, ...).
-bool IsSafeScanName(const std::wstring& name);
+#ifdef _WIN32
+inline constexpr NameRules kRunningSystemNameRules = NameRules::Windows;
+#else
+inline constexpr NameRules kRunningSystemNameRules = NameRules::Posix;
+#endif
 
-// `text` with control characters shown as \xNN, for log lines that must not
-// be split or forged by what they quote.
-std::wstring EscapeForLog(const std::wstring& text);
+bool IsOneFileName(const std::wstring& name, NameRules rules);
+
+// True when `name` can name one file or folder on the running system.
+inline bool IsSafeScanName(const std::wstring& name) { return IsOneFileName(name, kRunningSystemNameRules); }
 
 }  // namespace zep::manager

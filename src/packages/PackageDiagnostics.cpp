@@ -38,7 +38,7 @@ void DiagnosticsManager::GenerateDiagnosticsForPackages() {
         // The id names a folder of the scan, which is deleted recursively later.
         if (!zep::manager::IsSafeScanName(package.id)) {
             g_log.e(L"%s: skip package '%s': its id cannot name a folder", kPackages,
-                    zep::manager::EscapeForLog(package.id));
+                    package.id);
             continue;
         }
         g_log.d(L"%s: running diagnostics for package: %s", kPackages, package.id);

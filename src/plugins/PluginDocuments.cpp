@@ -16,6 +16,7 @@
 #include "platform/util/ExceptionText.h"
 #include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
+#include "results/HistoryFile.h"
 #include "results/ProblemSignature.h"
 
 namespace {
@@ -26,7 +27,7 @@ constexpr const char* kUpdateTypeLabel = "PluginDiagnosticsProcessor::UpdatePlug
 constexpr const char* kHistoryLabel = "PluginDiagnosticsProcessor::WritePluginScanHistoryEntry";
 constexpr const char* kCountLabel = "PluginDiagnosticsProcessor::CountFailedTests";
 
-constexpr int kMaxHistoryLines = 100;
+constexpr auto kMaxHistoryLines = static_cast<int>(zep::results::kHistoryLines);
 // Plug-in results carry no problem signature; the two quotes keep the line at
 // six fields, as the agent writes a scan without failed tests.
 constexpr const wchar_t* kNoProblemSignature = L"\"\"";
@@ -195,12 +196,9 @@ void PluginDiagnosticsProcessor::WritePluginScanHistoryEntry(DiagnosticsManager&
         // where they are not valid UTF-8. A history that cannot be read counts
         // as empty, as the agent's own does.
         std::vector<std::wstring> lines;
-        std::string text;
-        if (FileSystem::readFile(path, text)) {
-            for (const std::string& line : zep::results::SplitHistoryText(text)) {
-                lines.push_back(zep::text::DecodeFileName(line));
-            }
-        }
+        std::vector<std::string> read;
+        zep::results::ReadHistoryLines(path, read);
+        for (const std::string& line : read) lines.push_back(zep::text::DecodeFileName(line));
 
         std::wostringstream line;
         line << manager.GetCurrentTimeStamp() << L',' << manager.GetTriggerType() << L',' << sentToCloud << L','

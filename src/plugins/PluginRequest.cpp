@@ -13,7 +13,6 @@
 #include "platform/agent/ExtensionModule.h"
 #include "platform/agent/FileStorageAgent.h"
 #include "platform/util/Paths.h"
-#include "plugins/UploadRetry.h"
 
 namespace {
 constexpr const char* kRequestLabel = "PluginDiagnosticsProcessor::GeneratePluginDiagnosticsForMqttTarget";
@@ -26,10 +25,10 @@ constexpr int kUploaded = 0;
 constexpr int kNotUploaded = 1;
 constexpr int kQueuedOffline = 2;
 
+}  // namespace
 
-// One elevation's request, from its folder to its history line.
-void RequestForElevation(DiagnosticsManager& manager, const std::wstring& pluginId,
-                         PluginDiagnosticsProcessor::ElevationType elevation) {
+void PluginDiagnosticsProcessor::RequestForElevation(DiagnosticsManager& manager, const std::wstring& pluginId,
+                                                     ElevationType elevation) {
     using Processor = PluginDiagnosticsProcessor;
     const std::wstring label = Processor::ElevationLabel(elevation);
     const std::wstring diagFolder = Processor::ResolvePluginDiagFolder(elevation, pluginId);
@@ -91,7 +90,7 @@ void RequestForElevation(DiagnosticsManager& manager, const std::wstring& plugin
         return;
     }
 
-    const FileStorageAgent::StoragError result = zep::plugins::UploadWithOneRetry(manager, zipPath, kRequestLabel);
+    const FileStorageAgent::StoragError result = UploadWithOneRetry(manager, zipPath, kRequestLabel);
     g_log.d(L"%s: plugin upload result=%d plugin=%s elev=%s", kRequestLabel, static_cast<int>(result), pluginId,
             label);
     if (result == FileStorageAgent::NetworkNotConnected) {
@@ -107,8 +106,6 @@ void RequestForElevation(DiagnosticsManager& manager, const std::wstring& plugin
     if (answer.deleteFilesOnUpload) Processor::DeletePluginDiagnosticsArtifacts(manager, diagFolder, zipPath);
 }
 
-}  // namespace
-
 void PluginDiagnosticsProcessor::GeneratePluginDiagnosticsForMqttTarget(DiagnosticsManager& manager,
                                                                         const std::wstring& target) {
     try {
@@ -118,7 +115,7 @@ void PluginDiagnosticsProcessor::GeneratePluginDiagnosticsForMqttTarget(Diagnost
             // The target comes from the cloud's request: quoted without its control characters.
             g_log.d(L"%s: Ignoring target '%s' for getDiagnostics. Plugin not found/invalid on this device or no "
                     L"running instance.",
-                    kRequestLabel, zep::manager::EscapeForLog(target));
+                    kRequestLabel, target);
             return;
         }
         if (elevations.empty()) {
@@ -144,7 +141,7 @@ std::wstring PluginDiagnosticsProcessor::ResolvePluginDiagFolder(ElevationType e
         // The id becomes a folder whose contents are deleted recursively later;
         // one that is not a single harmless name could reach outside.
         if (!zep::manager::IsSafeScanName(pluginId)) {
-            g_log.e(L"%s: plugin id '%s' cannot name a folder", kResolveLabel, zep::manager::EscapeForLog(pluginId));
+            g_log.e(L"%s: plugin id '%s' cannot name a folder", kResolveLabel, pluginId);
             return {};
         }
         std::wstring base;

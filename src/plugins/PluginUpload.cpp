@@ -19,7 +19,6 @@
 #include "platform/agent/FileStorageAgent.h"
 #include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
-#include "plugins/UploadRetry.h"
 
 namespace {
 
@@ -272,7 +271,7 @@ bool PluginDiagnosticsProcessor::ProcessDeferredPluginUpload(DiagnosticsManager&
         }
         if (zipPath.empty()) return false;
 
-        const FileStorageAgent::StoragError result = zep::plugins::UploadWithOneRetry(manager, zipPath, kDeferredLabel);
+        const FileStorageAgent::StoragError result = UploadWithOneRetry(manager, zipPath, kDeferredLabel);
         g_log.d(L"%s: deferred plugin upload result=%d path=%s", kDeferredLabel, result, zipPath);
         const int status = result == FileStorageAgent::Success               ? kSentToCloud
                            : result == FileStorageAgent::NetworkNotConnected ? kQueuedOffline
@@ -293,8 +292,9 @@ bool PluginDiagnosticsProcessor::ProcessDeferredPluginUpload(DiagnosticsManager&
     }
 }
 
-FileStorageAgent::StoragError zep::plugins::UploadWithOneRetry(DiagnosticsManager& manager, const std::wstring& zipPath,
-                                                               const char* label) {
+FileStorageAgent::StoragError PluginDiagnosticsProcessor::UploadWithOneRetry(DiagnosticsManager& manager,
+                                                                            const std::wstring& zipPath,
+                                                                            const char* label) {
     FileStorageAgent::StoragError result = PluginDiagnosticsProcessor::UploadPluginDiagnosticsResult(manager, zipPath);
     if (result != FileStorageAgent::TooManyRequests) return result;
     const unsigned int delay = ApiUtility::GetRandomJitterInSeconds(kRetryJitterRangeMs);

@@ -14,6 +14,7 @@
 #include "platform/agent/CommonBase.h"
 #include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
+#include "results/HistoryFile.h"
 #include "results/ProblemSignature.h"
 
 namespace {
@@ -23,7 +24,7 @@ constexpr const char* kLastLineLabel = "DiagnosticsManager::GetLastLineInFile";
 constexpr const char* kUpdateLabel = "DiagnosticsManager::UpdateStatusForLastLineInScanHistoryFile";
 constexpr const char* kOnlineLabel = "DiagnosticsManager::DeviceHasComeOnline";
 constexpr std::size_t kHistoryFields = 6;
-constexpr int kMaxHistoryLines = 100;
+constexpr auto kMaxHistoryLines = static_cast<int>(zep::results::kHistoryLines);
 constexpr std::uint8_t kStatusNetworkNotConnected = 2;
 
 // The agent's history file; false when the agent's data root is unknown, so
@@ -52,8 +53,7 @@ void DiagnosticsManager::GenerateScanHistory() {
         // Earlier lines are carried over as bytes. A history that cannot be read
         // counts as empty: the file then restarts with this scan's line.
         std::vector<std::string> lines;
-        std::string text;
-        if (FileSystem::readFile(path, text)) lines = zep::results::SplitHistoryText(text);
+        zep::results::ReadHistoryLines(path, lines);
 
         std::wostringstream line;
         line << GetCurrentTimeStamp() << L',' << GetTriggerType() << L',' << GetFileUploadToCloudStatus() << L','
@@ -88,12 +88,11 @@ std::wstring DiagnosticsManager::GetLastLineInFile(std::wstring& path) {
             g_log.d(L"%s File %s does not exist", kLastLineLabel, path);
             return {};
         }
-        std::string text;
-        if (!FileSystem::readFile(path, text)) {
+        std::vector<std::string> lines;
+        if (!zep::results::ReadHistoryLines(path, lines)) {
             g_log.d(L"%s Unable to open file %s", kLastLineLabel, path);
             return {};
         }
-        const std::vector<std::string> lines = zep::results::SplitHistoryText(text);
         const std::wstring last = lines.empty() ? std::wstring() : String::UTF8ToUTF16(lines.back());
         if (last.empty()) g_log.d(L"%s File is empty %s", kLastLineLabel, path);
         return last;
@@ -106,12 +105,11 @@ std::wstring DiagnosticsManager::GetLastLineInFile(std::wstring& path) {
 bool DiagnosticsManager::UpdateStatusForLastLineInScanHistoryFile(const std::wstring& path, const int& sentToCloud,
                                                                   const int& artifactStatus) {
     try {
-        std::string text;
-        if (!FileSystem::readFile(path, text)) {
+        std::vector<std::string> lines;
+        if (!zep::results::ReadHistoryLines(path, lines)) {
             g_log.e(L"%s Unable to open file: %s for reading", kUpdateLabel, path);
             return false;
         }
-        std::vector<std::string> lines = zep::results::SplitHistoryText(text);
         if (lines.empty()) {
             g_log.e(L"%s File is empty: %s", kUpdateLabel, path);
             return false;

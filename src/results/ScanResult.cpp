@@ -10,6 +10,7 @@
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "platform/agent/CommonBase.h"
 #include "platform/util/Paths.h"
+#include "results/HistoryFile.h"
 #include "results/ProblemSignature.h"
 
 namespace {
@@ -110,12 +111,11 @@ bool DiagnosticsManager::IsProblemSignatureDuplicate(std::wstring signature) {
         const std::wstring path = root + zep::path::NativePath(L"\\diagnostics\\scan-history.log");
         if (!FileSystem::fileExists(path)) return false;
 
-        std::string text;
-        if (!FileSystem::readFile(path, text)) {
+        std::vector<std::string> lines;
+        if (!zep::results::ReadHistoryLines(path, lines)) {
             g_log.d(L"%s Unable to open file %s", kDuplicateLabel, path);
             return false;
         }
-        const std::vector<std::string> lines = zep::results::SplitHistoryText(text);
         // Newest first; only a successful upload of the same signature decides.
         for (auto line = lines.rbegin(); line != lines.rend(); ++line) {
             ScanHistoryEntry entry;

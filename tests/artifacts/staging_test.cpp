@@ -1,6 +1,8 @@
 // Staging and packing of one scan with the native collection: what the zip
 // holds, what is marked, and what is left behind.
 #include <filesystem>
+#include <iterator>
+#include <utility>
 #include <sstream>
 
 #include <gmock/gmock.h>
@@ -51,6 +53,7 @@ protected:
 };
 
 TEST_F(StagingTest, ZipHoldsTheComponentsTheAgentsContextAndTheScanResult) {
+    WriteText(programdata / "DB" / "old\xFF.db", "old");
     WriteResult("ZEP");
     WriteResult("com.quorin.vpn");
     WriteText(latest / "LD-TEST01_old.zip", "old");
@@ -68,6 +71,8 @@ TEST_F(StagingTest, ZipHoldsTheComponentsTheAgentsContextAndTheScanResult) {
     EXPECT_FALSE(fs::exists(latest / "LD-TEST01_scan1")) << "the staging folder is deleted";
     EXPECT_TRUE(ArtifactsProvided());
     auto read = [&](const char* name) { return zep::testing::ZipRead(zip, name).value_or(""); };
+    // A name that is not UTF-8 is listed with its byte escaped, not replaced.
+    EXPECT_NE(read("ZEP/context/zep_programdata_files.txt").find("/DB/old\\xFF.db\n"), std::string::npos);
     EXPECT_TRUE(Parse(read("ZEP/component-result.json"))["artifactsProvided"].asBool());
     EXPECT_EQ(read("ZEP/Log/agent.log"), "{\"gw\":\"[REDACTED_IP]\"}\n");
 }
@@ -87,6 +92,29 @@ TEST_F(StagingTest, WithoutTheAgentsFolderTheRestIsStillPacked) {
                                        temp.string()));
     EXPECT_TRUE(platform.log->Contains("post-copy ZEP component folder missing (skipping ZEP log/context merge)"));
     EXPECT_FALSE(fs::exists(temp));
+}
+
+// A logical device id from outside can neither move the staging folder out of
+// the latest folder nor give the archive a name that the upload then misses.
+TEST_F(StagingTest, TheLogicalDeviceIdNeitherEscapesNorSplitsTheZipsName) {
+    const std::pair<std::wstring, std::string> cases[] = {
+        {L"LD:1?", "LD_1__scan1.zip"},
+        {L"../../../escape", ".._.._.._escape_scan1.zip"},
+    };
+    for (const auto& [logicalId, zipName] : cases) {
+        platform.device->logicalDeviceId = logicalId;
+        WriteResult("ZEP");
+        manager->CreateZipFolder();
+        manager->UploadDiagnosticsResults();
+        EXPECT_TRUE(fs::is_regular_file(latest / zipName)) << zipName;
+        const auto uploads = platform.storage->Uploads();
+        ASSERT_FALSE(uploads.empty());
+        EXPECT_EQ(uploads.back().filePath, (latest / zipName).string());
+        EXPECT_EQ(std::distance(fs::directory_iterator(latest), fs::directory_iterator()), 2)
+            << "the latest folder holds the zip and the scan result, no staging folder";
+    }
+    EXPECT_FALSE(fs::exists(platform.rootPath / "escape_scan1"));
+    EXPECT_FALSE(fs::exists(platform.rootPath / "escape_scan1.zip"));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@ namespace {
 
 using zep::artifacts::EscapeSingleQuotes;
 using zep::artifacts::SanitizeZipFileName;
+using zep::artifacts::ZipFolderName;
 
 TEST(SanitizeZipFileNameTest, KeepsOnlyASafeLastComponent) {
     const std::pair<const wchar_t*, const wchar_t*> cases[] = {
@@ -39,6 +40,32 @@ TEST(SanitizeZipFileNameTest, KeepsOnlyASafeLastComponent) {
     };
     for (const auto& [input, expected] : cases) {
         EXPECT_EQ(SanitizeZipFileName(input), expected) << "input: [" << zep::text::ToUtf8(input) << "]";
+    }
+}
+
+// One name for staging, the archive and the upload: never outside the
+// latest folder, never empty, unchanged when packing sanitises it again.
+TEST(ZipFolderNameTest, IsOneSafeNameThatPackingKeepsAsItIs) {
+    const std::wstring longId(300, L'\u00e9');
+    struct Case {
+        std::wstring logical, scan, expected;
+    };
+    const Case cases[] = {
+        {L"LD-1", L"scan1", L"LD-1_scan1"},
+        {L"LD:1?", L"scan1", L"LD_1__scan1"},
+        {L"../../../escape", L"scan1", L".._.._.._escape_scan1"},
+        {L"LD", L"x\\..", L"LD_x_"},
+        {L" LD", L"urn:req:42", L"LD_urn_req_42"},
+        {L"", L"...", L"_"},
+        {L"LD", longId, L"LD_" + std::wstring(98, L'\u00e9')},  // 200 bytes as UTF-8
+        {L"...." + std::wstring(200, L'.'), L"scan", L"_"},
+    };
+    for (const auto& c : cases) {
+        const std::wstring name = ZipFolderName(c.logical, c.scan);
+        const std::string shown = zep::text::ToUtf8(c.logical + L" | " + c.scan);
+        EXPECT_EQ(name, c.expected) << shown;
+        EXPECT_EQ(SanitizeZipFileName(name + L".zip"), name + L".zip") << shown;
+        EXPECT_LE(zep::text::ToUtf8(name).size(), 200u) << shown;
     }
 }
 

@@ -1,6 +1,8 @@
 #include "DiagnosticScanner/ZEPDiagnosticsGenerator.h"
 
 #include <chrono>
+#include <cstddef>
+#include <cstring>
 #include <iterator>
 #include <string>
 #include <tuple>
@@ -143,5 +145,52 @@ TEST_F(ZepGeneratorTest, ComponentIdIsTheAgentIdInUpperCase) {
     platform.device->agentId = L"AbCdEf01-0000-4000-8000-00000000beef";
     EXPECT_EQ(ZEP::ZEPDiagnosticsGenerator().GetComponentId(), L"ABCDEF01-0000-4000-8000-00000000BEEF");
 }
+
+// Other modules call the generator through the platform's copy of the class,
+// so its virtual slots must be the platform's: the interface's three, then
+// the checks directly, in their declared order.
+#if defined(__GNUC__) && !defined(_WIN32)
+// The vtable slot of a virtual member function, from its pointer-to-member
+// representation under the Itanium C++ ABI; -1 for a non-virtual one.
+template <typename MemberFunction>
+std::ptrdiff_t VirtualSlot(MemberFunction function) {
+    struct Representation {
+        std::ptrdiff_t ptr;
+        std::ptrdiff_t adj;
+    };
+    static_assert(sizeof(MemberFunction) == sizeof(Representation));
+    Representation r{};
+    std::memcpy(&r, &function, sizeof r);
+#if defined(__arm__) || defined(__aarch64__)
+    if ((r.adj & 1) == 0) return -1;
+    return r.ptr / static_cast<std::ptrdiff_t>(sizeof(void*));
+#else
+    if ((r.ptr & 1) == 0) return -1;
+    return (r.ptr - 1) / static_cast<std::ptrdiff_t>(sizeof(void*));
+#endif
+}
+
+struct SlotProbe : ZEP::ZEPDiagnosticsGenerator {
+    static std::vector<std::ptrdiff_t> Slots() {
+        return {VirtualSlot(&SlotProbe::RunTests),
+                VirtualSlot(&SlotProbe::GetComponentId),
+                VirtualSlot(&SlotProbe::GetFriendlyName),
+                VirtualSlot(&SlotProbe::CheckDeviceRegistration),
+                VirtualSlot(&SlotProbe::CheckTelemetrySyncXrsError),
+                VirtualSlot(&SlotProbe::CheckTelemetrySyncRetryError),
+                VirtualSlot(&SlotProbe::CheckMqttStatus),
+                VirtualSlot(&SlotProbe::CheckIfMqttRetriesExceeded),
+                VirtualSlot(&SlotProbe::CheckTelemetrySyncStatus),
+                VirtualSlot(&SlotProbe::CheckRegistrationFailedWithXRSError),
+                VirtualSlot(&SlotProbe::CheckRegisteredCertificateIsValid),
+                VirtualSlot(&SlotProbe::GetErrorStatusFromRegistry),
+                VirtualSlot(&SlotProbe::CheckXrsApiCertPinningStatus)};
+    }
+};
+
+TEST(ZepGeneratorLayoutTest, ChecksTakeTheSlotsRightAfterTheInterfaces) {
+    EXPECT_THAT(SlotProbe::Slots(), ElementsAre(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12));
+}
+#endif
 
 }  // namespace

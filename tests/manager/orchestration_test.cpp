@@ -2,6 +2,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <sstream>
 #include <stdexcept>
 
 #include <gmock/gmock.h>
@@ -69,25 +70,56 @@ TEST_F(OrchestrationTest, RegisteredDeviceRunsFiveTestsAndUnregisteredTwoInTheir
     EXPECT_TRUE(result["isProblematic"].asBool());
 }
 
-// Request ids name folders that are deleted recursively later: an id that is
-// not one harmless path component must never become the scan name.
-TEST_F(OrchestrationTest, UnsafeRequestIdsAreReplacedByAGuid) {
-    const std::string hostile[] = {"..", ".", "../../victim", "a/b", "a\\\\b", "c:", "x\\ny", "\\u007f", "a*b",
-                                   "a|b", "<", "name.", "name ", "CON", "con.txt", "LPT9", std::string(129, 'a')};
+// Any id that the system can use as one file name names the scan (the cloud
+// matches the upload to its request by it); the rest, which could point the
+// scan's folders, later deleted recursively, elsewhere, get a GUID.
+TEST_F(OrchestrationTest, RequestIdsThatAreOneFileNameNameTheScanAndTheRestGetAGuid) {
+    struct Case {
+        std::string json;       // the id as written in the payload
+        std::wstring scanName;  // empty: replaced by a GUID
+    };
+    std::string twoByteLetters;
+    for (int i = 0; i < 128; ++i) twoByteLetters += "\u00e9";  // 256 bytes as UTF-8
+    const Case cases[] = {
+        {"urn:req:42", L"urn:req:42"},
+        {"with blanks", L"with blanks"},
+        {std::string(129, 'a'), std::wstring(129, L'a')},
+        {std::string(255, 'b'), std::wstring(255, L'b')},
+        {"name.", L"name."},
+        {"con", L"con"},
+        {"a\\\\b", L"a\\b"},
+        {"..", L""},
+        {".", L""},
+        {"../../victim", L""},
+        {"a/b", L""},
+        {"x\\ny", L""},
+        {"\\u007f", L""},
+        {"\\u0085", L""},
+        {std::string(256, 'c'), L""},
+        {twoByteLetters, L""},
+    };
     std::filesystem::create_directories(platform.rootPath / "victim");
-    for (const auto& id : hostile) {
+    const auto latest = platform.rootPath / "programdata" / "diagnostics" / "latest";
+    std::size_t replaced = 0;
+    for (const auto& c : cases) {
         platform.clock->Advance(11min);
-        Deliver(Request(ManagerTest::Payload(id, R"(["zep"])")));
+        Deliver(Request(ManagerTest::Payload(c.json, R"(["zep"])")));
+        Json::Value result;
+        std::istringstream(zep::testing::ReadText(latest / "scan-result.json")) >> result;
+        const std::wstring name = zep::text::FromUtf8(result["id"].asString());
+        if (c.scanName.empty()) {
+            ++replaced;
+            EXPECT_EQ(name.size(), 36u) << c.json;
+        } else {
+            EXPECT_EQ(name, c.scanName) << c.json;
+        }
+        // Whatever its name, the scan's zip is found and uploaded.
+        const auto uploads = platform.storage->Uploads();
+        ASSERT_FALSE(uploads.empty()) << c.json;
+        EXPECT_TRUE(std::filesystem::is_regular_file(uploads.back().filePath)) << c.json;
     }
-    platform.clock->Advance(11min);
-    Deliver(Request(ManagerTest::Payload(std::string(128, 'a'), R"(["zep"])")));  // the longest that is kept
-    auto names = ScanNames();
-    ASSERT_EQ(names.size(), std::size(hostile) + 1);
-    EXPECT_EQ(names.back(), std::wstring(128, L'a'));
-    names.pop_back();
-    for (const auto& name : names) EXPECT_EQ(name.size(), 36u) << zep::text::ToUtf8(name);
     EXPECT_TRUE(std::filesystem::is_empty(platform.rootPath / "victim"));
-    EXPECT_EQ(platform.log->Count("cannot name the scan's folders"), std::size(hostile));
+    EXPECT_EQ(platform.log->Count("cannot name the scan's folders"), replaced);
     // The id itself is kept in the log, control characters escaped.
     EXPECT_TRUE(platform.log->Contains("request id 'x\\x0Ay'"));
     EXPECT_TRUE(platform.log->Contains("request id '../../victim'"));

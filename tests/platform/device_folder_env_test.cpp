@@ -281,5 +281,22 @@ TEST_F(DeviceFolderTest, DeletePreferenceIsTheLastAnswerOnStandardOutput) {
     }
 }
 
+// Output is kept to its last MiB, whose first line may be a fragment: the
+// answer at the end still counts, and the cut is logged.
+TEST_F(DeviceFolderTest, OnlyTheLastMebibyteOfOutputIsReadAndTheCutIsLogged) {
+    const fs::path folder = Plugin(kDemoManifest, "cat \"$(dirname \"$0\")/answer\"\n");
+    const std::string answer = "{\"deleteFilesOnUpload\": true}\n";
+    const std::pair<std::string, bool> cases[] = {
+        {std::string(3 << 20, '.') + "\n" + answer, true},
+        // Cut inside a nested answer: the fragment left must not pass for one.
+        {std::string((1 << 20) - 10, '.') + R"({"x":{"deleteFilesOnUpload":true}})" + "\n", false},
+    };
+    for (const auto& [output, expected] : cases) {
+        WriteText(folder / "answer", output);
+        EXPECT_EQ(Send().deleteFilesOnUpload, expected);
+    }
+    EXPECT_EQ(platform.log->Count("wrote more than 1048576 bytes to its standard output"), 2u);
+}
+
 }  // namespace
 }  // namespace zep::platform

@@ -19,7 +19,6 @@
 
 #include "platform/util/MemoryRegistry.h"
 #include "platform/util/Paths.h"
-#include "platform/posix/LogScrub.h"
 #include "support/TestPlatform.h"
 
 namespace zep::platform {
@@ -102,63 +101,22 @@ TEST_F(NativeCollectionTest, LimitLogSizeDropsTheFileThatCrossesAndEveryOlderOne
     EXPECT_EQ(fs::file_size(outside / "huge.log"), 5000u);
 }
 
-TEST(ScrubLineTest, RedactsExactlyTheQuotedDottedQuads) {
-    const struct {
-        const char* input;
-        const char* expected;
-    } cases[] = {
-        {R"(peer="10.1.2.3" up)", R"(peer="[REDACTED_IP]" up)"},
-        {R"(a="1.2.3.4" b="5.6.7.8")", R"(a="[REDACTED_IP]" b="[REDACTED_IP]")"},
-        {R"("999.1.2.3")", R"("[REDACTED_IP]")"},  // octet values are not checked
-        {R"("1.2.3.4"5.6.7.8")", R"("[REDACTED_IP]"[REDACTED_IP]")"},  // one quote closes and opens
-        {"from 10.1.2.3 to", "from 10.1.2.3 to"},
-        {R"("1.2.3.4)", R"("1.2.3.4)"},
-        {R"("1.2.3")", R"("1.2.3")"},
-        {R"("1.2.3.4.5")", R"("1.2.3.4.5")"},
-        {R"("1.2.3.4567")", R"("1.2.3.4567")"},
-        {R"(Version "10.1.2.3")", R"(Version "10.1.2.3")"},
-        {R"(host="10.1.2.3" agentVERSION=4.1)", R"(host="10.1.2.3" agentVERSION=4.1)"},
-        {R"(verversion "1.2.3.4")", R"(verversion "1.2.3.4")"},  // a false start still finds it
-        {R"(versio n "1.2.3.4")", R"(versio n "[REDACTED_IP]")"},
-    };
-    for (const auto& c : cases) EXPECT_EQ(ScrubLine(c.input), c.expected) << c.input;
-}
-
-// Every byte survives; addresses that straddle reads and a late "version" in a streamed long line count.
-TEST(ScrubFileTest, ChangesOnlyTheAddressesWhateverTheReadSizes) {
-    const std::string filler(200, 'x');
-    const std::string input = "a=\"10.0.0.1\"\r\nVersion \"10.0.0.2\"\r\nraw \xff\xfe \"10.0.0.3\"\n\n"
-                              "version 1\r\"10.0.0.4\"\r"  // a lone CR ends a line too
-                              "k=\"192.168.100.200\" " + filler + " \"1.2.3.4\"\n" +
-                              "keep \"10.9.8.7\" " + filler + " VERSION\r\n" + "last \"10.0.0.5\"";
-    const std::string expected = "a=\"[REDACTED_IP]\"\r\nVersion \"10.0.0.2\"\r\nraw \xff\xfe \"[REDACTED_IP]\"\n\n"
-                                 "version 1\r\"[REDACTED_IP]\"\r"
-                                 "k=\"[REDACTED_IP]\" " + filler + " \"[REDACTED_IP]\"\n" +
-                                 "keep \"10.9.8.7\" " + filler + " VERSION\r\n" + "last \"[REDACTED_IP]\"";
-    for (const std::size_t chunk : {1u, 7u, 4096u}) {
-        for (const std::size_t maxLine : {0u, 64u, 100000u}) {
-            const int in = ::memfd_create("scrub", MFD_CLOEXEC);
-            const int out = ::memfd_create("scrubbed", MFD_CLOEXEC);
-            ASSERT_EQ(::pwrite(in, input.data(), input.size(), 0), static_cast<ssize_t>(input.size()));
-            const ScrubOutcome outcome = ScrubFile(in, out, ScrubLimits{chunk, maxLine});
-            std::string output(input.size() + 100, '\0');
-            output.resize(static_cast<std::size_t>(::pread(out, output.data(), output.size(), 0)));
-            ::close(in);
-            ::close(out);
-            EXPECT_TRUE(outcome.ok && outcome.changed);
-            EXPECT_EQ(output, expected) << "chunk " << chunk << ", line " << maxLine;
-        }
-    }
-}
-
 TEST_F(NativeCollectionTest, ScrubLogsRedactsOnlyFilesDirectlyInTheFolderKeepingTheirTimes) {
     WriteText(destination / "agent.log", "peer=\"10.1.2.3\"\r\nVersion \"10.1.2.3\"\r\nlast \"10.1.2.4\"");
     WriteText(destination / "sub" / "nested.log", "peer=\"10.1.2.3\"\n");
+    // UTF-16LE, as Windows software writes its logs: "a=\"1.2.3.4\"".
+    const auto utf16 = [](const std::string& ascii) {
+        std::string bytes = "\xFF\xFE";
+        for (const char c : ascii) bytes += std::string{c, '\0'};
+        return bytes;
+    };
+    WriteText(destination / "service.log", utf16("a=\"1.2.3.4\""));
     const auto time = now - 1h;
     fs::last_write_time(destination / "agent.log", time);
 
     WithTraps(destination, [&] { EXPECT_EQ(collection.ScrubLogs(W(destination)), 1); });
 
+    EXPECT_EQ(ReadText(destination / "service.log"), utf16("a=\"[REDACTED_IP]\""));
     EXPECT_EQ(ReadText(destination / "agent.log"),
               "peer=\"[REDACTED_IP]\"\r\nVersion \"10.1.2.3\"\r\nlast \"[REDACTED_IP]\"");
     EXPECT_EQ(fs::last_write_time(destination / "agent.log"), time);

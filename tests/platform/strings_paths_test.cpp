@@ -1,3 +1,4 @@
+#include <clocale>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -31,6 +32,53 @@ TEST(Utf8Test, InvalidInputDecodesToReplacementCharactersWithoutThrowing) {
     }
     // A lone surrogate in wide text cannot be encoded either.
     EXPECT_EQ(text::ToUtf8(std::wstring{L'a', static_cast<wchar_t>(0xDC00), L'b'}), "a\xEF\xBF\xBD" "b");
+}
+
+// Plug-in targets and component ids are compared and folded beyond ASCII,
+// whatever locale the host process has set.
+TEST(CaseTest, SimpleCaseMappingCoversUnicodeInAnyGlobalLocale) {
+    struct Case {
+        const wchar_t* text;
+        const wchar_t* lower;
+        const wchar_t* upper;
+    };
+    const Case cases[] = {
+        {L"Z\u00c9P", L"z\u00e9p", L"Z\u00c9P"},
+        {L"stra\u00dfe", L"stra\u00dfe", L"STRA\u00dfE"},  // simple mapping: one character each
+        {L"\u03a3\u03b9\u03c3\u03c5\u03c6\u03bf\u03c2", L"\u03c3\u03b9\u03c3\u03c5\u03c6\u03bf\u03c2",
+         L"\u03a3\u0399\u03a3\u03a5\u03a6\u039f\u03a3"},
+        {L"\u0416\u0436", L"\u0436\u0436", L"\u0416\u0416"},
+        {L"\u0130", L"i", L"\u0130"},
+        {L"a1-_.", L"a1-_.", L"A1-_."},
+    };
+    for (const char* global : {"C", "C.UTF-8"}) {
+        const std::string previous = std::setlocale(LC_ALL, nullptr);
+        std::setlocale(LC_ALL, global);
+        for (const auto& c : cases) {
+            SCOPED_TRACE(text::ToUtf8(c.text) + " in " + global);
+            EXPECT_EQ(text::Lower(c.text), c.lower);
+            EXPECT_EQ(text::Upper(c.text), c.upper);
+            EXPECT_TRUE(String::CaseInsesitiveEqual(c.text, c.lower));
+        }
+        EXPECT_FALSE(String::CaseInsesitiveEqual(L"\u00e9", L"e"));
+        EXPECT_FALSE(String::CaseInsesitiveEqual(L"ab", L"abc"));
+        std::setlocale(LC_ALL, previous.c_str());
+    }
+}
+
+// The listing of the agent's folder names each file it lists: bytes that are
+// not text are escaped, and no real name can look like an escape.
+TEST(FileNameTest, ListingTextEscapesWhatIsNotTextReversibly) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"/p/caf\xC3\xA9.log", "/p/caf\xC3\xA9.log"},
+        {"/p/caf\xE9.log", "/p/caf\\xE9.log"},
+        {"/p/caf\\xE9.log", "/p/caf\\\\xE9.log"},  // a real name that reads like an escape
+        {"/p/line\nbreak\x7F", "/p/line\\x0Abreak\\x7F"},
+        {"/p/\xED\xA0\x80\xFF", "/p/\\xED\\xA0\\x80\\xFF"},
+    };
+    for (const auto& [bytes, line] : cases) {
+        EXPECT_EQ(text::ListingText(text::DecodeFileName(bytes)), line) << bytes;
+    }
 }
 
 TEST(FileNameTest, AnyBytesRoundTripThroughWideText) {

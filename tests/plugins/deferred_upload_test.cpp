@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
+#include "support/PluginProcessorPeer.h"
 #include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
 #include "support/ManagerFixture.h"
@@ -17,6 +18,7 @@ namespace {
 namespace fs = std::filesystem;
 using zep::path::FromFs;
 using namespace zep::testing;
+using Peer = PluginDiagnosticsProcessorTestPeer;
 
 constexpr const char* kEarlierLine = "2026-11-20T08:00:00Z,Mqtt,2,0,0,\"\"\n";
 
@@ -45,7 +47,7 @@ protected:
                fs::exists(ZipOf(diag));
     }
     bool Process(const fs::path& diag) {
-        return PluginDiagnosticsProcessor::ProcessDeferredPluginUpload(*manager, FromFs(diag));
+        return Peer::ProcessDeferredPluginUpload(*manager, FromFs(diag));
     }
 
     const fs::path agentRoot = platform.rootPath / "programdata" / "plugin-data";
@@ -79,7 +81,7 @@ TEST_F(DeferredUploadTest, OnlyAVerifiedBackupTokenIsSentAndWithoutIntentNothing
         if (sent) platform.storage->results.push_back(c.result);
         const std::size_t before = platform.storage->Uploads().size();
 
-        EXPECT_EQ(static_cast<int>(PluginDiagnosticsProcessor::UploadPluginDiagnosticsResult(*manager, FromFs(zip))),
+        EXPECT_EQ(static_cast<int>(Peer::UploadPluginDiagnosticsResult(*manager, FromFs(zip))),
                   c.result);
 
         const auto uploads = platform.storage->Uploads();

@@ -15,6 +15,7 @@
 #include <json/json.h>
 
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
+#include "support/PluginProcessorPeer.h"
 #include "platform/util/Paths.h"
 #include "support/ManagerFixture.h"
 #include "support/ZipReader.h"
@@ -27,6 +28,7 @@ using zep::platform::ElevationType;
 using namespace zep::testing;
 using zep::path::FromFs;
 using Processor = PluginDiagnosticsProcessor;
+using Peer = PluginDiagnosticsProcessorTestPeer;
 
 constexpr const wchar_t* kPluginId = L"com.quorin.pluginx";
 constexpr const char* kZipName = "0f4c2d1e-aaaa-bbbb-cccc-000000000001_com.quorin.pluginx.zip";
@@ -90,7 +92,7 @@ protected:
     }
     bool Zip() {
         std::wstring zipPath;
-        const bool zipped = Processor::CreatePluginZip(*manager, FromFs(ElevatedFolder()), kPluginId, zipPath);
+        const bool zipped = Peer::CreatePluginZip(*manager, FromFs(ElevatedFolder()), kPluginId, zipPath);
         if (zipped) { EXPECT_EQ(zipPath, FromFs(ZipFile())); }
         return zipped;
     }
@@ -217,7 +219,7 @@ TEST(PluginFailedTestsTest, CountsObjectsWhoseActualAndExpectedTextsDiffer) {
         {R"({"tests":{"a":{"actual":"1","expected":"2"}}})", 0},
         {R"([{"actual":"1","expected":"2"}])", 0},
     };
-    for (const auto& c : cases) EXPECT_EQ(Processor::CountFailedTests(Parse(c.component)), c.failed) << c.component;
+    for (const auto& c : cases) EXPECT_EQ(Peer::CountFailedTests(Parse(c.component)), c.failed) << c.component;
 }
 
 TEST_F(PluginRequestTest, ElevatedAndUserInstancesHaveFoldersZipsAndUploadsOfTheirOwn) {
@@ -305,8 +307,8 @@ TEST_F(PluginRequestTest, TargetsAndIdsThatReachNoSafeFolderAskNobody) {
     Request(L"forged\nline");
     EXPECT_TRUE(platform.log->Contains("Ignoring target 'forged\\x0Aline'"));
     EXPECT_TRUE(platform.extensions->Commands().empty());
-    for (const wchar_t* id : {L"", L"..", L"a/b", L"a\\b"}) {
-        EXPECT_EQ(Processor::ResolvePluginDiagFolder(ElevationType::Elevated, id), L"") << id;
+    for (const wchar_t* id : {L"", L"..", L"a/b", L"a\nb"}) {
+        EXPECT_EQ(Peer::ResolvePluginDiagFolder(ElevationType::Elevated, id), L"") << id;
     }
 }
 

@@ -1,10 +1,15 @@
 // The scan history: the 100-line ring and the last line's status update.
+#include <algorithm>
 #include <filesystem>
+#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "platform/env/Env.h"
+#include "platform/env/FileSystemEnv.h"
 #include "platform/util/Paths.h"
+#include "platform/util/Strings.h"
 #include "support/ManagerFixture.h"
 
 namespace {
@@ -19,6 +24,63 @@ std::string NumberedLines(int from, int to) {
     for (int i = from; i <= to; ++i) text += "2026-01-01T00:00:00Z,Manual,0,1,0,sig" + std::to_string(i) + "\n";
     return text;
 }
+
+// Notes the largest number of bytes read from one opening of a history file.
+class ReadMeter : public zep::platform::FileSystemEnvWrapper {
+public:
+    using FileSystemEnvWrapper::FileSystemEnvWrapper;
+    using Folder = zep::platform::Folder;
+    using InputFile = zep::platform::InputFile;
+    using FsStatus = zep::platform::FsStatus;
+
+    std::unique_ptr<Folder> OpenFolder(const std::wstring& path, FsStatus* status) override {
+        auto folder = FileSystemEnvWrapper::OpenFolder(path, status);
+        return folder ? std::make_unique<MeteredFolder>(std::move(folder), largest) : nullptr;
+    }
+    std::size_t largest = 0;
+
+private:
+    class MeteredFile : public InputFile {
+    public:
+        MeteredFile(std::unique_ptr<InputFile> file, std::size_t& largest) : file_(std::move(file)), largest_(largest) {}
+        ~MeteredFile() override { largest_ = std::max(largest_, read_); }
+        bool Read(char* buffer, std::size_t size, std::size_t& got, FsStatus* status) override {
+            const bool ok = file_->Read(buffer, size, got, status);
+            read_ += got;
+            return ok;
+        }
+        bool SeekTo(std::uint64_t offset, FsStatus* status) override { return file_->SeekTo(offset, status); }
+        zep::platform::EntryInfo Info() override { return file_->Info(); }
+
+    private:
+        std::unique_ptr<InputFile> file_;
+        std::size_t& largest_;
+        std::size_t read_ = 0;
+    };
+
+    // Everything as the real folder does it, but history files are metered.
+    class MeteredFolder : public zep::platform::FolderWrapper {
+    public:
+        MeteredFolder(std::unique_ptr<Folder> folder, std::size_t& largest)
+            : FolderWrapper(std::move(folder)), largest_(largest) {}
+        std::unique_ptr<Folder> OpenFolder(std::wstring_view name, FsStatus* status) override {
+            auto folder = FolderWrapper::OpenFolder(name, status);
+            return folder ? std::make_unique<MeteredFolder>(std::move(folder), largest_) : nullptr;
+        }
+        std::unique_ptr<Folder> CreateFolder(std::wstring_view name, FsStatus* status) override {
+            auto folder = FolderWrapper::CreateFolder(name, status);
+            return folder ? std::make_unique<MeteredFolder>(std::move(folder), largest_) : nullptr;
+        }
+        std::unique_ptr<InputFile> OpenFile(std::wstring_view name, FsStatus* status) override {
+            auto file = FolderWrapper::OpenFile(name, status);
+            if (!file || name != L"scan-history.log") return file;
+            return std::make_unique<MeteredFile>(std::move(file), largest_);
+        }
+
+    private:
+        std::size_t& largest_;
+    };
+};
 
 class ScanHistoryTest : public zep::testing::ManagerTest {
 protected:
@@ -47,6 +109,30 @@ TEST_F(ScanHistoryTest, UpdateLeavesALastLineWithSevenFieldsUntouched) {
     EXPECT_EQ(ReadText(History()), text);
     EXPECT_TRUE(platform.log->Contains("DiagnosticsManager::UpdateStatusForLastLineInScanHistoryFile Unexpected "
                                        "values count in scan history last line: 7"));
+}
+
+// A history grown far past the ring (a million lines) costs no more than a
+// proper one: every reader takes only the tail, and the writer puts the ring
+// back.
+TEST_F(ScanHistoryTest, AHugeHistoryIsReadOnlyFromItsTail) {
+    auto meter = std::make_shared<ReadMeter>(zep::platform::DefaultEnv().files);
+    platform.env.files = meter;
+    platform.Reinstall();
+    WriteText(History(), std::string(3'000'000, 'x') + "\n" + NumberedLines(1, 20'001));
+
+    std::wstring path = HistoryW();
+    EXPECT_EQ(zep::text::ToUtf8(manager->GetLastLineInFile(path)), "2026-01-01T00:00:00Z,Manual,0,1,0,sig20001");
+    EXPECT_FALSE(manager->IsProblemSignatureDuplicate(L"sig1"));
+    EXPECT_TRUE(manager->IsProblemSignatureDuplicate(L"sig19950"));
+    EXPECT_TRUE(manager->UpdateStatusForLastLineInScanHistoryFile(path, 2, 0));
+    peer->problemSignature() = L"newest";
+    peer->GenerateScanHistory();
+
+    const std::string text = ReadText(History());
+    EXPECT_EQ(text.substr(0, text.find('\n')), "2026-01-01T00:00:00Z,Manual,0,1,0,sig19903");
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 100);
+    EXPECT_NE(text.find("2026-01-01T00:00:00Z,Manual,2,0,0,sig20001\n"), std::string::npos);
+    EXPECT_LE(meter->largest, 64u * 1024u);
 }
 
 }  // namespace

@@ -4,21 +4,7 @@
 
 #include <string>
 
-class FileStorageAgent {
-public:
-    // The upload's result. Values beyond these are the storage agent's own
-    // error codes and are only reported.
-    enum StoragError : int {
-        Success = 0,
-        LocalRefusal = 1,
-        NetworkNotConnected = 10,
-        TooManyRequests = 429,
-    };
-
-    static FileStorageAgent* GetInstance();
-    StoragError UploadDiagResult(const std::string& filePathUtf8, bool unregisteredDevice, const std::string& metadata,
-                                 const std::string& provisionToken);
-};
+#include "DiagnosticScanner/AgentTypes.h"
 
 class CriticalEventLogger {
 public:

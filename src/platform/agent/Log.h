@@ -4,7 +4,8 @@
 // formatted type-safely by fmt's printf, so "%s" takes a narrow (UTF-8) or a
 // wide string alike and the same format texts work on every system; a format
 // that does not fit its arguments logs the raw format rather than failing.
-// Each line carries the UTC time, the level and the thread. Thread-safe.
+// Each line carries the UTC time, the level and the thread; control
+// characters in the arguments are escaped. Thread-safe.
 #pragma once
 
 #include <memory>
@@ -31,14 +32,19 @@ public:
     bool IsOpen() const;
 
 private:
+    // Every text argument has its control characters escaped: arguments
+    // carry names, payloads and file contents from outside, and none of them
+    // may end the line or forge one. The format texts are the module's own.
     template <typename T>
     static decltype(auto) Widen(const T& value) {
+        using zep::text::EscapeControlCharacters;
         if constexpr (std::is_same_v<T, std::string> || std::is_same_v<T, std::string_view>) {
-            return zep::text::FromUtf8(value);
+            return EscapeControlCharacters(zep::text::FromUtf8(value));
         } else if constexpr (std::is_convertible_v<T, const char*>) {
-            return zep::text::FromUtf8(value);
-        } else if constexpr (std::is_convertible_v<T, const wchar_t*>) {
-            return std::wstring(value);
+            return EscapeControlCharacters(zep::text::FromUtf8(value));
+        } else if constexpr (std::is_same_v<T, std::wstring> || std::is_same_v<T, std::wstring_view> ||
+                             std::is_convertible_v<T, const wchar_t*>) {
+            return EscapeControlCharacters(value);
         } else if constexpr (std::is_same_v<T, bool>) {
             return static_cast<int>(value);
         } else if constexpr (std::is_enum_v<T>) {

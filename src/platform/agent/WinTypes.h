@@ -2,15 +2,11 @@
 // come from <windows.h>; elsewhere they are declared with the same widths.
 #pragma once
 
-#ifdef _WIN32
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
-#else
+#include "DiagnosticScanner/AgentTypes.h"  // DWORD
+
+#ifndef _WIN32
 #include <cstdint>
 
-using DWORD = std::uint32_t;
 using HKEY = struct HKEY__*;
 
 // The predefined hive handles keep their Windows values so that code and logs

@@ -9,6 +9,7 @@
 
 #include <json/json.h>
 
+#include "platform/agent/Log.h"
 #include "platform/env/Beneath.h"
 #include "platform/env/Env.h"
 #include "platform/util/JsonText.h"
@@ -21,33 +22,30 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr std::chrono::seconds kDefaultTimeout{120};
+// A plug-in's answer is one short JSON line; whatever it writes before that is
+// progress. Only the last MiB is kept.
+constexpr std::size_t kMaxOutputBytes = 1024 * 1024;
 // A manifest is a few lines; anything this large is not one.
 constexpr std::uint64_t kMaxManifestBytes = 64 * 1024;
 
 // Strict: trailing garbage makes a damaged document, and deep nesting (which
 // JsonCpp would throw on) is refused as malformed.
-std::optional<Json::Value> ParseObject(std::string_view text) {
+zep::json::ParseOptions StrictObject() {
     zep::json::ParseOptions options;
     options.failIfExtra = true;
     options.stackLimit = 64;
-    return zep::json::ParseObject(text, options);
+    return options;
 }
 
 // Through the seam's reader: never a link, a FIFO or more than the limit.
-std::optional<Json::Value> ReadManifest(const fs::path& folder) {
+std::optional<std::string> ReadManifestText(const fs::path& folder) {
     const auto open = CurrentEnv()->files->OpenFolder(path::FromFs(folder));
     std::string text;
     if (!open || !ReadFileIn(*open, L"plugin.json", kMaxManifestBytes, text)) return std::nullopt;
-    return ParseObject(text);
+    return text;
 }
 
-// What plugin.json says, once it has passed the checks every use needs.
-struct Plugin {
-    fs::path folder;
-    std::wstring id;
-    fs::path program;                       // absolute
-    std::vector<ElevationType> elevations;  // running instances, in order, each once
-};
+using Plugin = PluginManifest;
 
 std::optional<ElevationType> ElevationNamed(const std::string& name) {
     const std::wstring lower = text::Lower(text::FromUtf8(name));
@@ -57,33 +55,9 @@ std::optional<ElevationType> ElevationNamed(const std::string& name) {
 }
 
 std::optional<Plugin> ReadPlugin(const fs::path& folder) {
-    const std::optional<Json::Value> manifest = ReadManifest(folder);
-    if (!manifest) return std::nullopt;
-    const Json::Value& id = (*manifest)["id"];
-    const Json::Value& program = (*manifest)["program"];
-    if (!id.isString() || id.asString().empty() || !program.isString() || program.asString().empty()) {
-        return std::nullopt;
-    }
-
-    Plugin plugin;
-    plugin.folder = folder;
-    plugin.id = text::FromUtf8(id.asString());
-    plugin.program = fs::path(program.asString());
-    if (plugin.program.is_relative()) plugin.program = folder / plugin.program;
-
-    const Json::Value& running = (*manifest)["running"];
-    const Json::Value& elevations = (*manifest)["elevations"];
-    if ((running.isBool() && !running.asBool()) || !elevations.isArray()) return plugin;
-    for (const auto& entry : elevations) {
-        const std::optional<ElevationType> elevation =
-            entry.isString() ? ElevationNamed(entry.asString()) : std::nullopt;
-        // Asking one instance twice would only overwrite its own folder.
-        if (elevation && std::find(plugin.elevations.begin(), plugin.elevations.end(), *elevation) ==
-                             plugin.elevations.end()) {
-            plugin.elevations.push_back(*elevation);
-        }
-    }
-    return plugin;
+    const std::optional<std::string> text = ReadManifestText(folder);
+    if (!text) return std::nullopt;
+    return ParsePluginManifest(*text, folder);
 }
 
 // A target is a folder name and nothing else: it must not reach outside
@@ -117,14 +91,26 @@ std::wstring ElevationArgument(ElevationType elevation) {
     return L"none";
 }
 
+bool IsJsonBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
 // The plug-in's answer: the whole output as one JSON object, or else the
-// last of its lines that is one (progress lines may come before it).
-bool DeleteFilesOnUpload(const std::string& output) {
-    std::optional<Json::Value> answer = ParseObject(output);
+// last of its lines that is one (progress lines may come before it). Linear
+// in the output: one reader for every line, and only lines that open an
+// object are parsed. When the output was cut, its first line is a fragment.
+bool DeleteFilesOnUpload(std::string_view output, bool cut) {
+    if (cut) {
+        const std::size_t newline = output.find('\n');
+        output = newline == std::string_view::npos ? std::string_view() : output.substr(newline + 1);
+    }
+    zep::json::Parser parser(StrictObject());
+    std::optional<Json::Value> answer = parser.ParseObject(output);
     for (std::size_t end = output.size(); !answer && end > 0;) {
-        const std::size_t newline = end >= 2 ? output.rfind('\n', end - 2) : std::string::npos;
-        const std::size_t begin = newline == std::string::npos ? 0 : newline + 1;
-        answer = ParseObject(std::string_view(output).substr(begin, end - begin));
+        const std::size_t newline = end >= 2 ? output.rfind('\n', end - 2) : std::string_view::npos;
+        const std::size_t begin = newline == std::string_view::npos ? 0 : newline + 1;
+        const std::string_view line = output.substr(begin, end - begin);
+        std::size_t first = 0;
+        while (first < line.size() && IsJsonBlank(line[first])) ++first;
+        if (first < line.size() && line[first] == '{') answer = parser.ParseObject(line);
         end = begin;
     }
     if (!answer) return false;
@@ -165,7 +151,13 @@ public:
             request.workingDirectory = path::FromFs(plugin->folder);
             request.timeout = Timeout();
             request.captureOutput = true;
+            request.maxOutputBytes = kMaxOutputBytes;
             const ProcessResult result = CurrentEnv()->processes->Spawn(request);
+            if (result.outputTruncated) {
+                g_log.e(L"%s: plug-in %s wrote more than %d bytes to its standard output; only the last %d were read",
+                        "FolderExtensions::SendDiagnosticCommandToTargets", pluginId, kMaxOutputBytes,
+                        kMaxOutputBytes);
+            }
 
             if (!result.started) return answer;
             if (result.timedOut) {
@@ -174,7 +166,7 @@ public:
             }
             answer.delivered = true;
             answer.isSuccess = result.exitCode == 0;
-            answer.deleteFilesOnUpload = DeleteFilesOnUpload(result.output);
+            answer.deleteFilesOnUpload = DeleteFilesOnUpload(result.output, result.outputTruncated);
         } catch (...) {
             // Out of memory for the output: the command counts as undelivered.
             return DiagnosticsOperationResult{};
@@ -217,6 +209,36 @@ private:
 };
 
 }  // namespace
+
+std::optional<PluginManifest> ParsePluginManifest(std::string_view text, const fs::path& folder) {
+    const std::optional<Json::Value> manifest = zep::json::ParseObject(text, StrictObject());
+    if (!manifest) return std::nullopt;
+    const Json::Value& id = (*manifest)["id"];
+    const Json::Value& program = (*manifest)["program"];
+    if (!id.isString() || id.asString().empty() || !program.isString() || program.asString().empty()) {
+        return std::nullopt;
+    }
+
+    PluginManifest plugin;
+    plugin.folder = folder;
+    plugin.id = text::FromUtf8(id.asString());
+    plugin.program = fs::path(program.asString());
+    if (plugin.program.is_relative()) plugin.program = folder / plugin.program;
+
+    const Json::Value& running = (*manifest)["running"];
+    const Json::Value& elevations = (*manifest)["elevations"];
+    if ((running.isBool() && !running.asBool()) || !elevations.isArray()) return plugin;
+    for (const auto& entry : elevations) {
+        const std::optional<ElevationType> elevation =
+            entry.isString() ? ElevationNamed(entry.asString()) : std::nullopt;
+        // Asking one instance twice would only overwrite its own folder.
+        if (elevation && std::find(plugin.elevations.begin(), plugin.elevations.end(), *elevation) ==
+                             plugin.elevations.end()) {
+            plugin.elevations.push_back(*elevation);
+        }
+    }
+    return plugin;
+}
 
 std::shared_ptr<ExtensionEnv> MakeFolderExtensions(fs::path pluginsDir, std::function<std::chrono::seconds()> timeout) {
     return std::make_shared<FolderExtensions>(std::move(pluginsDir), std::move(timeout));

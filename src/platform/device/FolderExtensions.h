@@ -15,10 +15,26 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include "platform/env/ExtensionEnv.h"
 
 namespace zep::platform {
+
+// What a plugin.json says, once it has passed the checks every use needs.
+struct PluginManifest {
+    std::filesystem::path folder;
+    std::wstring id;
+    std::filesystem::path program;          // absolute
+    std::vector<ElevationType> elevations;  // running instances, in order, each once
+};
+
+// The manifest of the plug-in folder `folder` from the text of its
+// plugin.json; nullopt when it is not one.
+std::optional<PluginManifest> ParsePluginManifest(std::string_view text, const std::filesystem::path& folder);
 
 // `timeout` is asked before each command, so that a change of the device's
 // settings applies to the next one; zero or less means the built-in 120 s.

@@ -5,10 +5,9 @@
 #include <string>
 #include <vector>
 
-namespace zep::platform {
+#include "DiagnosticScanner/AgentTypes.h"  // ElevationType
 
-// The elevation of a plug-in instance, by the extension module's values.
-enum ElevationType : int { None = 0, Elevated = 1, User = 2 };
+namespace zep::platform {
 
 // The answer of one instance to a get-diagnostics command.
 struct DiagnosticsOperationResult {

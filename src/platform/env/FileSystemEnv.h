@@ -142,6 +142,50 @@ public:
     virtual std::optional<std::uint64_t> FreeSpace(const std::wstring& path) = 0;
 };
 
+// Forwards every operation to another Folder: a test double derives from it
+// and overrides only what it changes (a link where a folder was, a full disk).
+class FolderWrapper : public Folder {
+public:
+    explicit FolderWrapper(std::unique_ptr<Folder> target) : target_(std::move(target)) {}
+
+    const std::wstring& Path() const override { return target_->Path(); }
+    bool List(std::vector<EntryInfo>& entries, FsStatus* status = nullptr) override {
+        return target_->List(entries, status);
+    }
+    std::optional<EntryInfo> Stat(std::wstring_view name, FsStatus* status = nullptr) override {
+        return target_->Stat(name, status);
+    }
+    std::unique_ptr<Folder> OpenFolder(std::wstring_view name, FsStatus* status = nullptr) override {
+        return target_->OpenFolder(name, status);
+    }
+    std::unique_ptr<Folder> CreateFolder(std::wstring_view name, FsStatus* status = nullptr) override {
+        return target_->CreateFolder(name, status);
+    }
+    std::unique_ptr<InputFile> OpenFile(std::wstring_view name, FsStatus* status = nullptr) override {
+        return target_->OpenFile(name, status);
+    }
+    std::unique_ptr<OutputFile> OpenForWriting(std::wstring_view name, Create mode,
+                                               FsStatus* status = nullptr) override {
+        return target_->OpenForWriting(name, mode, status);
+    }
+    bool Rename(std::wstring_view from, std::wstring_view to, bool replace, FsStatus* status = nullptr) override {
+        return target_->Rename(from, to, replace, status);
+    }
+    bool Remove(std::wstring_view name, bool recursive, FsStatus* status = nullptr) override {
+        return target_->Remove(name, recursive, status);
+    }
+    bool Sync(FsStatus* status = nullptr) override { return target_->Sync(status); }
+    std::unique_ptr<FileLock> Lock(std::wstring_view name, bool wait, FsStatus* status = nullptr) override {
+        return target_->Lock(name, wait, status);
+    }
+
+protected:
+    Folder& target() const { return *target_; }
+
+private:
+    std::unique_ptr<Folder> target_;
+};
+
 // Forwards every operation to another FileSystemEnv: a test (or a host)
 // derives from it and overrides only what it changes.
 class FileSystemEnvWrapper : public FileSystemEnv {

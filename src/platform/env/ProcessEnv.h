@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <vector>
@@ -15,6 +16,7 @@ struct ProcessRequest {
     std::wstring workingDirectory;            // empty: the caller's
     std::chrono::milliseconds timeout{0};     // 0: wait without limit
     bool captureOutput = false;               // collect standard output
+    std::size_t maxOutputBytes = 0;           // keep only the last this many bytes of it; 0: all
 };
 
 struct ProcessResult {
@@ -22,6 +24,7 @@ struct ProcessResult {
     bool timedOut = false;    // ended by the time-out (the whole process group)
     int exitCode = -1;        // exit status, or -1 when killed or not started
     std::string output;       // standard output when captured, as bytes
+    bool outputTruncated = false;  // more was written than maxOutputBytes: only the end is kept
 };
 
 class ProcessEnv {

@@ -29,7 +29,7 @@
 #include "platform/util/MemoryRegistry.h"
 #include "platform/util/Paths.h"
 #include "platform/posix/Fd.h"
-#include "platform/posix/LogScrub.h"
+#include "platform/posix/LogScrubFile.h"
 
 namespace zep::platform {
 namespace {

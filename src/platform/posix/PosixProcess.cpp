@@ -121,14 +121,43 @@ int OpenPidFd(pid_t pid) noexcept {
 
 enum class ReadState { More, Finished };
 
+// The child's standard output, of which only the last `limit` bytes are kept
+// (all with 0): a child may write without end, and the answer it gives comes
+// last. Memory stays below twice the limit while reading.
+class OutputTail {
+public:
+    explicit OutputTail(std::size_t limit) : limit_(limit) {}
+
+    void Append(const char* data, std::size_t size) {
+        bytes_.append(data, size);
+        if (limit_ != 0 && bytes_.size() > 2 * limit_) Trim();
+    }
+
+    void MoveInto(ProcessResult& result) {
+        if (limit_ != 0 && bytes_.size() > limit_) Trim();
+        result.output = std::move(bytes_);
+        result.outputTruncated = truncated_;
+    }
+
+private:
+    void Trim() {
+        bytes_.erase(0, bytes_.size() - limit_);
+        truncated_ = true;
+    }
+
+    std::size_t limit_;
+    std::string bytes_;
+    bool truncated_ = false;
+};
+
 // One read, so that a child that never stops writing cannot keep the wait
 // from checking its time-out.
-ReadState ReadOnce(int fd, std::string& output) {
+ReadState ReadOnce(int fd, OutputTail& output) {
     char buffer[16384];
     for (;;) {
         const ssize_t got = ::read(fd, buffer, sizeof buffer);
         if (got > 0) {
-            output.append(buffer, static_cast<std::size_t>(got));
+            output.Append(buffer, static_cast<std::size_t>(got));
             return ReadState::More;
         }
         if (got == 0) return ReadState::Finished;
@@ -141,7 +170,7 @@ ReadState ReadOnce(int fd, std::string& output) {
 // Collects what the pipe holds once the child is gone. Only what is there now:
 // a descendant that kept the pipe open may go on writing for ever. The child
 // is reaped by then, so running out of memory here just shortens the output.
-void DrainPending(int fd, std::string& output) noexcept try {
+void DrainPending(int fd, OutputTail& output) noexcept try {
     int pending = 0;
     if (::ioctl(fd, FIONREAD, &pending) != 0 || pending <= 0) return;
     std::size_t left = static_cast<std::size_t>(pending);
@@ -149,7 +178,7 @@ void DrainPending(int fd, std::string& output) noexcept try {
     while (left > 0) {
         const ssize_t got = ::read(fd, buffer, std::min(left, sizeof buffer));
         if (got > 0) {
-            output.append(buffer, static_cast<std::size_t>(got));
+            output.Append(buffer, static_cast<std::size_t>(got));
             left -= static_cast<std::size_t>(got);
             continue;
         }
@@ -249,10 +278,11 @@ bool StartChild(const ProcessRequest& request, Child& child) {
     return true;
 }
 
-ProcessResult TimedOut(pid_t pid, Fd& output, ProcessResult& result) {
+ProcessResult TimedOut(pid_t pid, Fd& output, OutputTail& tail, ProcessResult& result) {
     KillGroup(pid);
     ReapBlocking(pid);
-    if (output.Valid()) DrainPending(output.Get(), result.output);
+    if (output.Valid()) DrainPending(output.Get(), tail);
+    tail.MoveInto(result);
     result.timedOut = true;
     result.exitCode = -1;
     return std::move(result);
@@ -260,10 +290,11 @@ ProcessResult TimedOut(pid_t pid, Fd& output, ProcessResult& result) {
 
 // Waits for a started child: until it ends or `limit` (0: none) passes, when
 // its process group is killed. The child is reaped on every path.
-ProcessResult WaitChild(pid_t pid, Fd output, milliseconds limit) noexcept {
+ProcessResult WaitChild(pid_t pid, Fd output, milliseconds limit, std::size_t maxOutputBytes) noexcept {
     try {
         ProcessResult result;
         result.started = true;
+        OutputTail tail(maxOutputBytes);
         const auto start = Clock::now();
         const Fd exitSignal(OpenPidFd(pid));
         milliseconds slice{1};
@@ -271,7 +302,8 @@ ProcessResult WaitChild(pid_t pid, Fd output, milliseconds limit) noexcept {
         for (;;) {
             int exitCode = -1;
             if (TryReap(pid, exitCode)) {
-                if (output.Valid()) DrainPending(output.Get(), result.output);
+                if (output.Valid()) DrainPending(output.Get(), tail);
+                tail.MoveInto(result);
                 result.exitCode = exitCode;
                 return result;
             }
@@ -279,7 +311,7 @@ ProcessResult WaitChild(pid_t pid, Fd output, milliseconds limit) noexcept {
             int timeoutMs = -1;
             if (limit.count() > 0) {
                 const auto elapsed = std::chrono::duration_cast<milliseconds>(Clock::now() - start);
-                if (elapsed >= limit) return TimedOut(pid, output, result);
+                if (elapsed >= limit) return TimedOut(pid, output, tail, result);
                 timeoutMs = static_cast<int>(std::min<milliseconds::rep>((limit - elapsed).count(), INT_MAX));
             }
             if (!exitSignal.Valid()) {
@@ -301,7 +333,7 @@ ProcessResult WaitChild(pid_t pid, Fd output, milliseconds limit) noexcept {
                 continue;
             }
             if (output.Valid() && (fds[pipeIndex].revents & (POLLIN | POLLHUP | POLLERR)) != 0) {
-                if (ReadOnce(output.Get(), result.output) == ReadState::Finished) output.Reset();
+                if (ReadOnce(output.Get(), tail) == ReadState::Finished) output.Reset();
             }
         }
     } catch (...) {
@@ -319,7 +351,7 @@ ProcessResult PosixProcess::Spawn(const ProcessRequest& request) {
     try {
         Child child;
         if (!StartChild(request, child)) return ProcessResult{};
-        return WaitChild(child.pid, std::move(child.output), request.timeout);
+        return WaitChild(child.pid, std::move(child.output), request.timeout, request.maxOutputBytes);
     } catch (...) {
         return ProcessResult{};
     }
@@ -349,10 +381,10 @@ int PosixProcess::LaunchCommandLine(const std::wstring& commandLine, const std::
         try {
             // Nobody waits for the result, but someone must reap the child
             // (and end it at the ceiling).
-            std::thread([pid, ceiling]() noexcept { WaitChild(pid, Fd{}, ceiling); }).detach();
+            std::thread([pid, ceiling]() noexcept { WaitChild(pid, Fd{}, ceiling, 0); }).detach();
         } catch (...) {
             // No thread to be had: reap here rather than leave a zombie.
-            WaitChild(pid, Fd{}, ceiling);
+            WaitChild(pid, Fd{}, ceiling, 0);
         }
         return 1;
     } catch (...) {

@@ -5,16 +5,29 @@
 
 namespace zep::json {
 
-bool Parse(std::string_view text, Json::Value& value, std::string* errors, const ParseOptions& options) {
+Parser::Parser(const ParseOptions& options) {
     try {
         Json::CharReaderBuilder builder;
         if (options.strict) Json::CharReaderBuilder::strictMode(&builder.settings_);
         builder["stackLimit"] = options.stackLimit;
         if (options.failIfExtra) builder["failIfExtra"] = true;
-        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+        reader_.reset(builder.newCharReader());
+    } catch (...) {
+        reader_.reset();  // every text then counts as malformed
+    }
+}
+
+Parser::~Parser() = default;
+
+bool Parser::Parse(std::string_view text, Json::Value& value, std::string* errors) {
+    try {
+        if (!reader_) {
+            if (errors != nullptr) errors->clear();
+            return false;
+        }
         Json::Value parsed;
         std::string messages;
-        if (!reader->parse(text.data(), text.data() + text.size(), &parsed, &messages)) {
+        if (!reader_->parse(text.data(), text.data() + text.size(), &parsed, &messages)) {
             if (errors != nullptr) *errors = messages;
             return false;
         }
@@ -28,10 +41,18 @@ bool Parse(std::string_view text, Json::Value& value, std::string* errors, const
     return false;
 }
 
-std::optional<Json::Value> ParseObject(std::string_view text, const ParseOptions& options) {
+std::optional<Json::Value> Parser::ParseObject(std::string_view text) {
     Json::Value value;
-    if (!Parse(text, value, nullptr, options) || !value.isObject()) return std::nullopt;
+    if (!Parse(text, value) || !value.isObject()) return std::nullopt;
     return value;
+}
+
+bool Parse(std::string_view text, Json::Value& value, std::string* errors, const ParseOptions& options) {
+    return Parser(options).Parse(text, value, errors);
+}
+
+std::optional<Json::Value> ParseObject(std::string_view text, const ParseOptions& options) {
+    return Parser(options).ParseObject(text);
 }
 
 }  // namespace zep::json

@@ -2,6 +2,7 @@
 // past its nesting limit; here that is one more malformed document.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,6 +15,23 @@ struct ParseOptions {
     unsigned stackLimit = 1000;  // deepest nesting accepted
     bool failIfExtra = false;    // text after the value makes the document malformed
     bool strict = false;         // JsonCpp's strict mode (no duplicate keys, no comments, ...)
+};
+
+// A reader made once for many texts: making one costs more than parsing a
+// short text. Never throws.
+class Parser {
+public:
+    explicit Parser(const ParseOptions& options = {});
+    ~Parser();
+    Parser(const Parser&) = delete;
+    Parser& operator=(const Parser&) = delete;
+
+    // As the free Parse below.
+    bool Parse(std::string_view text, Json::Value& value, std::string* errors = nullptr);
+    std::optional<Json::Value> ParseObject(std::string_view text);
+
+private:
+    std::unique_ptr<Json::CharReader> reader_;
 };
 
 // Parses `text` into `value`. False, with the reader's message in `errors`

@@ -140,11 +140,13 @@ struct Section {
 bool ReadSection(MemoryRegistry& registry, std::wstring_view line, Section& section) {
     section.active = false;
     if (line.size() < 2 || line.back() != L']') return false;
-    const std::wstring_view inner = Trim(line.substr(1, line.size() - 2));
+    // Blanks inside the brackets belong to the key's names (a name may end in
+    // one); only the hive's name is read without them.
+    const std::wstring_view inner = line.substr(1, line.size() - 2);
     // Key deletions are not needed for a device's own registry file.
-    if (inner.empty() || inner.front() == L'-') return false;
+    if (Trim(inner).empty() || Trim(inner).front() == L'-') return false;
     const std::size_t slash = inner.find(L'\\');
-    const std::wstring_view root = slash == std::wstring_view::npos ? inner : inner.substr(0, slash);
+    const std::wstring_view root = Trim(slash == std::wstring_view::npos ? inner : inner.substr(0, slash));
     Hive hive{};
     if (!ParseHive(root, hive)) return false;
     section.hive = hive;

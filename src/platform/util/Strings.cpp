@@ -1,7 +1,17 @@
 #include "platform/util/Strings.h"
 
-#include <cwctype>
+#include <cstdio>
 #include <iterator>
+
+#ifdef _WIN32
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+#else
+#include <locale.h>
+#include <wctype.h>
+#endif
 
 #include <utf8cpp/utf8.h>
 
@@ -105,24 +115,127 @@ std::string EncodeFileName(std::wstring_view name) {
     return out;
 }
 
+std::string ListingText(std::wstring_view path) {
+    std::string out;
+    out.reserve(path.size());
+    char escape[12];
+    DecodeWide(path, [&](char32_t cp) {
+#ifdef _WIN32
+        if (IsSurrogate(cp)) {
+            std::snprintf(escape, sizeof escape, "<U+%04X>", static_cast<unsigned>(cp));
+            out += escape;
+            return;
+        }
+#else
+        if (cp == U'\\') {
+            out += "\\\\";
+            return;
+        }
+        const bool rawByte = cp >= 0xDC80 && cp <= 0xDCFF;
+        if (rawByte || cp < 0x20 || cp == 0x7F) {
+            std::snprintf(escape, sizeof escape, "\\x%02X", static_cast<unsigned>(rawByte ? cp - 0xDC00 : cp));
+            out += escape;
+            return;
+        }
+#endif
+        AppendUtf8(out, cp);
+    });
+    return out;
+}
+
+std::wstring EscapeControlCharacters(std::wstring_view text) {
+    const auto isControl = [](wchar_t c) {
+        return c < 0x20 || (c >= 0x7F && c <= 0x9F) || c == 0x2028 || c == 0x2029;
+    };
+    std::wstring out;
+    out.reserve(text.size());
+    for (const wchar_t c : text) {
+        if (!isControl(c)) {
+            out.push_back(c);
+            continue;
+        }
+        wchar_t buffer[8];
+        std::swprintf(buffer, 8, c <= 0xFF ? L"\\x%02X" : L"\\u%04X", static_cast<unsigned>(c));
+        out += buffer;
+    }
+    return out;
+}
+
+#ifdef _WIN32
+
+namespace {
+// Unicode simple case mapping in the invariant locale, whatever the thread's.
+std::wstring MapCase(std::wstring_view text, DWORD flag) {
+    if (text.empty()) return std::wstring();
+    const int size = static_cast<int>(text.size());
+    std::wstring out(text.size(), L'\0');
+    const int written = ::LCMapStringEx(LOCALE_NAME_INVARIANT, flag, text.data(), size, out.data(), size, nullptr,
+                                        nullptr, 0);
+    if (written <= 0) return std::wstring(text);
+    out.resize(static_cast<std::size_t>(written));
+    return out;
+}
+}  // namespace
+
+std::wstring Lower(std::wstring_view text) { return MapCase(text, LCMAP_LOWERCASE); }
+std::wstring Upper(std::wstring_view text) { return MapCase(text, LCMAP_UPPERCASE); }
+
+bool EqualsIgnoreCase(std::wstring_view a, std::wstring_view b) {
+    return a.size() == b.size() && Lower(a) == Lower(b);
+}
+
+#else
+
+namespace {
+
+// A UTF-8 character-class locale of its own, made once: the mapping must not
+// depend on the process's global locale, which is "C" (ASCII only) unless the
+// host changes it. Null when the system has none; ASCII mapping then.
+locale_t CaseLocale() {
+    static const locale_t locale = [] {
+        for (const char* name : {"C.UTF-8", "C.utf8", "en_US.UTF-8"}) {
+            if (const locale_t made = ::newlocale(LC_CTYPE_MASK, name, static_cast<locale_t>(nullptr))) return made;
+        }
+        return static_cast<locale_t>(nullptr);
+    }();
+    return locale;
+}
+
+wchar_t LowerOne(wchar_t c, locale_t locale) {
+    if (locale == nullptr) return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c;
+    return static_cast<wchar_t>(::towlower_l(static_cast<wint_t>(c), locale));
+}
+
+wchar_t UpperOne(wchar_t c, locale_t locale) {
+    if (locale == nullptr) return c >= L'a' && c <= L'z' ? static_cast<wchar_t>(c - L'a' + L'A') : c;
+    return static_cast<wchar_t>(::towupper_l(static_cast<wint_t>(c), locale));
+}
+
+}  // namespace
+
 std::wstring Lower(std::wstring_view text) {
+    const locale_t locale = CaseLocale();
     std::wstring out(text);
-    for (auto& c : out) c = static_cast<wchar_t>(std::towlower(static_cast<std::wint_t>(c)));
+    for (auto& c : out) c = LowerOne(c, locale);
     return out;
 }
 
 std::wstring Upper(std::wstring_view text) {
+    const locale_t locale = CaseLocale();
     std::wstring out(text);
-    for (auto& c : out) c = static_cast<wchar_t>(std::towupper(static_cast<std::wint_t>(c)));
+    for (auto& c : out) c = UpperOne(c, locale);
     return out;
 }
 
 bool EqualsIgnoreCase(std::wstring_view a, std::wstring_view b) {
     if (a.size() != b.size()) return false;
+    const locale_t locale = CaseLocale();
     for (std::size_t i = 0; i < a.size(); ++i) {
-        if (std::towlower(static_cast<std::wint_t>(a[i])) != std::towlower(static_cast<std::wint_t>(b[i]))) return false;
+        if (LowerOne(a[i], locale) != LowerOne(b[i], locale)) return false;
     }
     return true;
 }
+
+#endif
 
 }  // namespace zep::text
