@@ -19,10 +19,10 @@ std::optional<Command> CommandNamed(const std::string& name) {
 // than silently ignored, so a typo cannot run a different scan than meant.
 std::set<std::string> OptionsOf(Command command) {
     switch (command) {
-        case Command::Scan: return {"--device", "--scheduled"};
-        case Command::Notify: return {"--device", "--payload"};
+        case Command::Scan: return {"--device", "--scheduled", "--no-wait"};
+        case Command::Notify: return {"--device", "--payload", "--no-wait"};
         case Command::Init:
-        case Command::Online:
+        case Command::Online: return {"--device", "--no-wait"};
         case Command::History: return {"--device"};
         case Command::Help: break;
     }
@@ -56,9 +56,9 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& args) {
         if (accepted.count(name) == 0) {
             return Fail("unknown option '" + name + "' for '" + args[0] + "'");
         }
-        if (name == "--scheduled") {
-            if (value) return Fail("--scheduled takes no value");
-            options.scheduled = true;
+        if (name == "--scheduled" || name == "--no-wait") {
+            if (value) return Fail(name + " takes no value");
+            (name == "--scheduled" ? options.scheduled : options.noWait) = true;
             continue;
         }
         if (!value) {
@@ -111,12 +111,15 @@ Options:
                    and online create a demo device there when it is missing
                    or empty; history only reads it.
   --scheduled      scan: run it as a scheduled scan instead of a manual one.
+  --no-wait        init, scan, notify, online: when another zepdiag is using
+                   the device folder, exit with status 3 instead of waiting.
   --payload JSON   notify: the request's payload, for example
                    '{"zep-message":{"action":{"cmd_param":{"requestId":"r1","target":["zep"]}}}}'
   -h, --help       Show this text.
 
 Exit status: 0 when the command ran (whatever the scan found), 2 for a usage
-error or a folder that cannot be used as a device folder, 1 otherwise.
+error or a folder that cannot be used as a device folder, 3 when --no-wait
+found the device folder in use, 1 otherwise.
 )";
 }
 

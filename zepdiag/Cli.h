@@ -13,6 +13,7 @@ struct Options {
     Command command = Command::Help;
     std::string device = "zep-device";  // relative to the working directory
     bool scheduled = false;             // scan: report the scan as scheduled, not manual
+    bool noWait = false;                // fail at once when the device folder is in use
     std::string payload;                // notify: the notification's JSON text
 };
 

@@ -353,7 +353,11 @@ FolderKind InspectDeviceFolder(const fs::path& dir) {
     if (fs::is_regular_file(dir / "device.json", code) || fs::is_directory(dir / "programdata", code)) {
         return FolderKind::Device;
     }
-    return fs::is_empty(dir, code) && !code ? FolderKind::Empty : FolderKind::Other;
+    // The lock of a zepdiag run waiting to create the device does not count.
+    for (fs::directory_iterator it(dir, code), end; !code && it != end; it.increment(code)) {
+        if (it->path().filename() != kRunLockName) return FolderKind::Other;
+    }
+    return code ? FolderKind::Other : FolderKind::Empty;
 }
 
 bool CreateDemoDevice(const fs::path& dir, system_clock::time_point now, std::string& error) {

@@ -16,6 +16,9 @@ enum class FolderKind {
     NotADirectory,  // a file (or something else) is in the way
 };
 
+// The lock file of a zepdiag run in its device folder.
+inline constexpr const char* kRunLockName = ".zepdiag.lock";
+
 FolderKind InspectDeviceFolder(const std::filesystem::path& dir);
 
 // Writes a registered, connected demo device into `dir` (missing or empty):

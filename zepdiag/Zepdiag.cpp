@@ -32,6 +32,7 @@ using namespace zepdiag;
 
 constexpr int kFailure = 1;
 constexpr int kUnusable = 2;  // usage errors and folders that are no device
+constexpr int kBusy = 3;      // --no-wait and another run holds the device folder
 
 // The hub's topics and states that the module listens to.
 constexpr int kTopicGetDiagnostics = 3;
@@ -286,14 +287,38 @@ int RunHistory(const fs::path& dir, std::ostream& out, std::ostream& err) {
     return 0;
 }
 
+// One zepdiag run at a time per device folder: two would interleave their
+// scans, uploads and summaries. The lock lives as long as the result.
+std::unique_ptr<zep::platform::FileLock> LockDeviceFolder(const fs::path& dir, bool wait, std::ostream& err) {
+    std::error_code code;
+    fs::create_directories(dir, code);
+    const auto folder = zep::platform::DefaultEnv().files->OpenFolder(zep::text::DecodeFileName(dir.native()));
+    zep::platform::FsStatus status;
+    auto lock = folder ? folder->Lock(zep::text::FromUtf8(kRunLockName), wait, &status) : nullptr;
+    if (lock) return lock;
+    if (status.error == zep::platform::FsError::Busy) {
+        err << "zepdiag: " << dir.string() << " is in use by another zepdiag run (--no-wait: not waiting)\n";
+    } else {
+        err << "zepdiag: cannot lock " << dir.string() << ": " << status.message << '\n';
+    }
+    return nullptr;
+}
+
 int Run(const Options& options, std::ostream& out, std::ostream& err) {
     if (options.command == Command::Help) {
         out << UsageText();
         return 0;
     }
     const fs::path dir = DeviceFolderPath(options.device);
-    if (options.command == Command::Init) return RunInit(dir, out, err);
     if (options.command == Command::History) return RunHistory(dir, out, err);
+    // Only a folder zepdiag may write to is locked; anything else is refused
+    // below, untouched.
+    std::unique_ptr<zep::platform::FileLock> lock;
+    if (const FolderKind kind = InspectDeviceFolder(dir); kind != FolderKind::Other && kind != FolderKind::NotADirectory) {
+        lock = LockDeviceFolder(dir, !options.noWait, err);
+        if (!lock) return kBusy;
+    }
+    if (options.command == Command::Init) return RunInit(dir, out, err);
     if (!PrepareDeviceFolder(dir, out, err)) return kUnusable;
 
     const Session session = StartModule(dir);

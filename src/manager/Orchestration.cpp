@@ -6,6 +6,8 @@
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "DiagnosticScanner/ZEPDiagnosticsGenerator.h"
+#include "artifacts/Debris.h"
+#include "manager/ScanLock.h"
 #include "manager/ScanName.h"
 #include "platform/util/ExceptionText.h"
 #include "platform/agent/CommonBase.h"
@@ -34,6 +36,7 @@ void RunPhase(const char* name, Phase&& phase) {
 
 void DiagnosticsManager::GenerateDiagnostics(unsigned long requestCode, std::optional<DiagnosticsParams> params) {
     std::lock_guard<std::mutex> lock(scanMutex);
+    const auto deviceLock = zep::manager::LockDeviceScans();
 
     if (requestCode == kManualScanRequest) {
         triggerType = 0;
@@ -82,6 +85,13 @@ std::wstring DiagnosticsManager::ChooseScanName(const std::wstring& id) {
 
 void DiagnosticsManager::RunZepBranch() {
     g_log.d(L"Starting Zep Diagnostics");
+    RunPhase("DiagnosticsManager::RemoveDebrisOfDeadScans", [&] {
+        std::wstring latest;
+        std::wstring components;
+        GetScanFolderPath(latest);
+        GetComponentFolderPath(components);
+        zep::artifacts::RemoveDebrisOfDeadScans(latest, components);
+    });
     RunPhase("DiagnosticsManager::GenerateDiagnosticsForPackages", [&] { GenerateDiagnosticsForPackages(); });
     RunPhase("DiagnosticsManager::GenerateDiagnosticsForZEP", [&] { GenerateDiagnosticsForZEP(); });
     RunPhase("DiagnosticsManager::UploadDiagnosticsResults", [&] { UploadDiagnosticsResults(); });

@@ -14,6 +14,7 @@
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
 #include "artifacts/PowerShellCollection.h"
 #include "platform/util/JsonText.h"
+#include "artifacts/Debris.h"
 #include "platform/agent/CommonBase.h"
 #include "platform/util/ExceptionText.h"
 #include "platform/agent/FileStorageAgent.h"
@@ -87,6 +88,8 @@ bool PluginDiagnosticsProcessor::CreatePluginZip(DiagnosticsManager& manager, co
             g_log.e(L"%s: failed to create latest folder: %s", kZipLabel, latest);
             return false;
         }
+        // A request killed half-way may have left a partial archive here.
+        zep::artifacts::RemoveUnfinishedWrites(latest);
         zipPath = latest + NativePath(L"\\") + CoreUtility::GetInstance()->GetDeviceID() + L"_" + pluginId + L".zip";
         // A zip of an earlier request must not pass for this one's.
         if (FileSystem::fileExists(zipPath) && !FileSystem::deleteDirectoryOrFile(zipPath, false)) {

@@ -14,6 +14,7 @@
 #include "platform/agent/CommonBase.h"
 #include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
+#include "manager/ScanLock.h"
 #include "results/HistoryFile.h"
 #include "results/ProblemSignature.h"
 
@@ -146,6 +147,7 @@ void DiagnosticsManager::DeviceHasComeOnline() {
         // A resumed upload never overlaps a scan: both use the manager's
         // per-scan state and the history file.
         std::lock_guard<std::mutex> lock(scanMutex);
+        const auto deviceLock = zep::manager::LockDeviceScans();
         try {
             if (!havePath) {
                 g_log.e(L"%s Unable to find the agent's data folder", kOnlineLabel);

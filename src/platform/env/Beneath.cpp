@@ -83,11 +83,6 @@ std::unique_ptr<Folder> Walk(std::unique_ptr<Folder> folder, const std::vector<s
     return folder;
 }
 
-std::wstring UniqueTemporaryName(std::wstring_view name) {
-    static std::atomic<unsigned long> counter{0};
-    return std::wstring(name) + L".tmp." + std::to_wstring(counter.fetch_add(1));
-}
-
 // Depth-first over a tree of open folders, entries in name order. Only the
 // folders on the current path are open, at most kMaxDepth of them. Each
 // folder carries a context of the caller's (for a copy: where it goes);
@@ -284,7 +279,7 @@ bool WriteAtomically(Folder& folder, std::wstring_view name, std::string_view co
     std::unique_ptr<OutputFile> out;
     FsStatus created;
     for (int attempt = 0; attempt < 100 && !out; ++attempt) {
-        temporary = UniqueTemporaryName(name);
+        temporary = TemporaryNameFor(name);
         out = folder.OpenForWriting(temporary, Folder::Create::New, &created);
         if (!out && created.error != FsError::Exists) break;
     }
@@ -361,6 +356,20 @@ void VisitFiles(Folder& folder, bool recursive,
             visit(relative, entry);
             return true;
         });
+}
+
+std::wstring TemporaryNameFor(std::wstring_view name) {
+    static std::atomic<unsigned long> counter{0};
+    return std::wstring(name) + L"." + std::to_wstring(counter.fetch_add(1)) + L".part";
+}
+
+bool IsTemporaryName(std::wstring_view name) {
+    // Also "<name>.part.XXXXXX": a library writing the file may put its own
+    // temporary beside the name it was given.
+    constexpr std::wstring_view kMark = L".part";
+    const std::size_t at = name.rfind(kMark);
+    return at != std::wstring_view::npos && at > 0 &&
+           (at + kMark.size() == name.size() || name[at + kMark.size()] == L'.');
 }
 
 std::wstring JoinPath(const std::wstring& folder, std::wstring_view name) {

@@ -76,6 +76,13 @@ bool ReadFileIn(Folder& folder, std::wstring_view name, std::uint64_t limit, std
 // start (the first, possibly cut, line is dropped when the file is longer).
 bool ReadTail(InputFile& file, std::uint64_t maxBytes, std::string& contents, FsStatus* status = nullptr);
 
+// A name for a file being written that will be renamed to `name` once
+// complete: "<name>.<unique>.part". Whatever carries such a name (or that
+// name with a further ".suffix") was left by a writer that did not finish,
+// once no writer can be running.
+std::wstring TemporaryNameFor(std::wstring_view name);
+bool IsTemporaryName(std::wstring_view name);
+
 // Replaces `name` with `contents` atomically: a temporary file beside it is
 // written, flushed to stable storage and renamed over it, and the folder is
 // synced. On failure the old file is unchanged and no temporary file is left.
