@@ -5,15 +5,19 @@
 #include <string>
 #include <vector>
 
+#include "serve/ServeSettings.h"
+
 namespace zepdiag {
 
-enum class Command { Help, Init, Scan, Notify, Online, History };
+enum class Command { Help, Init, Scan, Notify, Online, History, Serve };
 
 struct Options {
     Command command = Command::Help;
     std::string device = "zep-device";  // relative to the working directory
     bool scheduled = false;             // scan: report the scan as scheduled, not manual
     std::string payload;                // notify: the notification's JSON text
+    bool json = false;                  // scan, notify, online, history: one JSON document on stdout
+    serve::ServeOptions serve;          // serve: the roads to the cloud
 };
 
 struct ParsedCommandLine {
@@ -21,7 +25,8 @@ struct ParsedCommandLine {
     std::string error;               // what was wrong, for the user
 };
 
-// Parses the arguments after the program name.
+// Parses the arguments after the program name. No command at all is a usage
+// error; "help" and --help are not.
 ParsedCommandLine ParseCommandLine(const std::vector<std::string>& args);
 
 std::string UsageText();
