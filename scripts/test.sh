@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # The whole test suite: a debug build and an AddressSanitizer +
-# UndefinedBehaviorSanitizer build of everything, and a ThreadSanitizer build
-# of the concurrency tests. Warnings are errors in all of them.
+# UndefinedBehaviorSanitizer build of everything, the integration tests
+# (label `integration`: zepdiag serve against a real mosquitto and a real HTTPS
+# server) included, and a ThreadSanitizer build of the concurrency tests.
+# Warnings are errors in all of them. The fast set alone: ctest --preset fast.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 ./scripts/bootstrap.sh
