@@ -71,7 +71,7 @@ void MqttClient::Stop() {
 
 void MqttClient::Run() {
     for (;;) {
-        Session();
+        RunConnection();
         const std::chrono::seconds delay = ReconnectDelay(failures_++);
         if (Stopping()) break;
         LogLine("MQTT: next attempt in " + std::to_string(delay.count()) + " s");
@@ -85,7 +85,7 @@ void MqttClient::Run() {
     connected_ = false;
 }
 
-void MqttClient::Session() {
+void MqttClient::RunConnection() {
     const std::string broker = broker_.host + ":" + std::to_string(broker_.port);
     int code = mosquitto_connect_async(client_, broker_.host.c_str(), broker_.port, kKeepAliveSeconds);
     if (code != MOSQ_ERR_SUCCESS) {

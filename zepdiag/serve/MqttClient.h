@@ -58,7 +58,7 @@ private:
 
     void Run();
     // One connection, from the attempt until it is lost or the client stops.
-    void Session();
+    void RunConnection();
     bool Stopping();
     // Waits `delay` unless Stop() comes first; false when stopping.
     bool Pause(std::chrono::seconds delay);

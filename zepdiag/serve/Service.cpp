@@ -110,7 +110,9 @@ Ending FinishWork(const Session& session, ShutdownSignals& signals) {
     return ready == 1 ? Ending::Signalled : Ending::TimedOut;
 }
 
-std::string SignalName(int signal) { return signal == SIGINT ? "SIGINT" : "SIGTERM"; }
+std::string SignalName(int signal) {
+    return signal == SIGINT ? "SIGINT" : signal == SIGTERM ? "SIGTERM" : "signal " + std::to_string(signal);
+}
 
 }  // namespace
 
