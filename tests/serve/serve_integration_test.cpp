@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -32,6 +33,13 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 constexpr auto kWait = 20s;  // for anything that involves a scan or a reconnect
+
+// The program of this build; ZEPDIAG_PROGRAM in the environment names another
+// (a release build, to measure it).
+std::string Program() {
+    const char* other = std::getenv("ZEPDIAG_PROGRAM");
+    return other != nullptr && *other != '\0' ? other : ZEPDIAG_PROGRAM;
+}
 
 std::string JsonText(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
@@ -94,7 +102,7 @@ public:
 
 private:
     static std::vector<std::string> Arguments(const fs::path& device, std::vector<std::string> options) {
-        options.insert(options.begin(), {ZEPDIAG_PROGRAM, "serve", "--device", device.string()});
+        options.insert(options.begin(), {Program(), "serve", "--device", device.string()});
         return options;
     }
     fs::path log_;
@@ -115,7 +123,7 @@ protected:
     // A demo device made by the program, with `policy` as its platform policy.
     fs::path NewDevice(const std::string& name, const Json::Value& policy = Json::Value(Json::objectValue)) {
         const fs::path device = root / name;
-        EXPECT_EQ(RunToEnd({ZEPDIAG_PROGRAM, "init", "--device", device.string()}, root / "init.log"), 0);
+        EXPECT_EQ(RunToEnd({Program(), "init", "--device", device.string()}, root / "init.log"), 0);
         std::ofstream(device / "platform-policy.json") << JsonText(policy);
         return device;
     }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <vector>
 
 #include "platform/Strings.h"
 #include "serve/Endpoint.h"
@@ -75,6 +76,47 @@ bool FitsInHeader(const std::string& value) {
     return value.find_first_of(std::string("\r\n\0", 3)) == std::string::npos;
 }
 
+using Form = std::unique_ptr<curl_mime, MimeDeleter>;
+using Headers = std::unique_ptr<curl_slist, HeadersDeleter>;
+
+// The metadata document, and the file, read from disk while it is sent.
+Form NewForm(CURL* easy, const std::string& path, const std::string& name, const std::string& metadata) {
+    Form form(curl_mime_init(easy));
+    curl_mimepart* part = form ? curl_mime_addpart(form.get()) : nullptr;
+    if (part == nullptr || curl_mime_name(part, "metadata") != CURLE_OK ||
+        curl_mime_data(part, metadata.data(), metadata.size()) != CURLE_OK ||
+        curl_mime_type(part, "application/json") != CURLE_OK) {
+        return nullptr;
+    }
+    part = curl_mime_addpart(form.get());
+    if (part == nullptr || curl_mime_name(part, "file") != CURLE_OK ||
+        curl_mime_filedata(part, path.c_str()) != CURLE_OK || curl_mime_filename(part, name.c_str()) != CURLE_OK) {
+        return nullptr;
+    }
+    return form;
+}
+
+Headers NewHeaders(const std::string& deviceId, bool unregistered, const std::string& token) {
+    std::vector<std::string> lines{"X-Zep-Device-Id: " + deviceId,
+                                   std::string("X-Zep-Unregistered: ") + (unregistered ? "true" : "false")};
+    if (!token.empty()) lines.push_back("Authorization: Bearer " + token);
+    Headers headers;
+    for (const auto& line : lines) {
+        curl_slist* list = curl_slist_append(headers.get(), line.c_str());
+        if (list == nullptr) return nullptr;
+        if (!headers) headers.reset(list);
+    }
+    return headers;
+}
+
+// "HTTP 429, Retry-After: 120", or libcurl's reason when no answer came.
+std::string Outcome(CURLcode code, long status, const char* message, const Transfer& transfer) {
+    if (status == 0) return *message != '\0' ? message : curl_easy_strerror(code);
+    std::string outcome = "HTTP " + std::to_string(status);
+    if (status == 429) outcome += ", Retry-After: " + (transfer.retryAfter.empty() ? "none" : transfer.retryAfter);
+    return outcome;
+}
+
 std::string HostOf(const std::string& url) {
     std::string error;
     const std::optional<Endpoint> endpoint = ParseUploadUrl(url, error);
@@ -113,23 +155,10 @@ int HttpsStorage::UploadDiagResult(const std::string& filePathUtf8, bool unregis
                                     "does not fit in a header");
         return kLocalFailure;
     }
-
     const std::unique_ptr<CURL, EasyDeleter> easy(curl_easy_init());
-    const std::unique_ptr<curl_mime, MimeDeleter> form(easy ? curl_mime_init(easy.get()) : nullptr);
-    if (!form) return kLocalFailure;
-    curl_mimepart* part = curl_mime_addpart(form.get());
-    curl_mime_name(part, "metadata");
-    curl_mime_data(part, metadata.data(), metadata.size());
-    curl_mime_type(part, "application/json");
-    part = curl_mime_addpart(form.get());
-    curl_mime_name(part, "file");
-    curl_mime_filedata(part, filePathUtf8.c_str());  // read from disk while sending
-    curl_mime_filename(part, name.c_str());
-
-    curl_slist* list = curl_slist_append(nullptr, ("X-Zep-Device-Id: " + deviceId).c_str());
-    const std::unique_ptr<curl_slist, HeadersDeleter> headers(list);
-    list = curl_slist_append(list, unregisteredDevice ? "X-Zep-Unregistered: true" : "X-Zep-Unregistered: false");
-    if (!provisionToken.empty()) list = curl_slist_append(list, ("Authorization: Bearer " + provisionToken).c_str());
+    const Form form = easy ? NewForm(easy.get(), filePathUtf8, name, metadata) : nullptr;
+    const Headers headers = NewHeaders(deviceId, unregisteredDevice, provisionToken);
+    if (!form || !headers) return kLocalFailure;
 
     Transfer transfer{&tls_, &host_, ""};
     char message[CURL_ERROR_SIZE] = "";
@@ -153,10 +182,8 @@ int HttpsStorage::UploadDiagResult(const std::string& filePathUtf8, bool unregis
     long status = 0;
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
     const int result = StorageResultOf(code, status);
-    std::string outcome = status != 0 ? "HTTP " + std::to_string(status)
-                                      : std::string(*message != '\0' ? message : curl_easy_strerror(code));
-    if (status == 429) outcome += ", Retry-After: " + (transfer.retryAfter.empty() ? "none" : transfer.retryAfter);
-    LogLine("upload: " + name + " to " + url_ + ": " + outcome + " (result " + std::to_string(result) + ")");
+    LogLine("upload: " + name + " to " + url_ + ": " + Outcome(code, status, message, transfer) + " (result " +
+            std::to_string(result) + ")");
     return result;
 }
 
