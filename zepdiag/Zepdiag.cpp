@@ -13,11 +13,11 @@
 
 #include "Cli.h"
 #include "DemoDevice.h"
-#include "JsonSummary.h"
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
-#include "Summary.h"
+#include "JsonSummary.h"
 #include "Module.h"
+#include "Summary.h"
 #include "platform/Env.h"
 #include "platform/Strings.h"
 #include "platform/ZEPNotificationData.h"
