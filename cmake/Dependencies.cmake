@@ -1,6 +1,6 @@
 # Every dependency comes from the distribution's packages (see scripts/bootstrap.sh).
 find_package(jsoncpp CONFIG REQUIRED)   # every JSON document
-find_package(OpenSSL REQUIRED)          # SHA-256 digests, later JWT signatures
+find_package(OpenSSL REQUIRED)          # SHA-256 digests, JWT signatures; zepdiag serve's TLS
 find_package(fmt CONFIG REQUIRED)       # type-safe printf-style log formatting
 find_package(utf8cpp CONFIG REQUIRED)   # UTF-8 <-> wide conversions
 find_package(Threads REQUIRED)
@@ -10,6 +10,9 @@ if(NOT WIN32)
   find_package(PkgConfig REQUIRED)
   pkg_check_modules(LIBZIP REQUIRED IMPORTED_TARGET libzip)
   set(ZEP_BACKEND_LIBS PkgConfig::LIBZIP)
+  # zepdiag serve only, never the module: MQTT and HTTPS uploads.
+  pkg_check_modules(MOSQUITTO REQUIRED IMPORTED_TARGET libmosquitto)
+  find_package(CURL REQUIRED)
 endif()
 
 if(TARGET JsonCpp::JsonCpp)

@@ -10,8 +10,13 @@ packages=(
   libfmt-dev                     # type-safe printf-style log formatting
   libutfcpp-dev                  # UTF-8 <-> wide conversions
   libzip-dev                     # zip archives on Linux (deflate)
+  libmosquitto-dev               # zepdiag serve: the MQTT client
+  libcurl4-openssl-dev           # zepdiag serve: HTTPS uploads (OpenSSL, for the shared TLS policy)
   libgtest-dev libgmock-dev      # tests
+  mosquitto mosquitto-clients    # integration tests: a real broker, and mosquitto_pub
+  libcpp-httplib-dev openssl     # integration tests: the HTTPS upload server, certificates made per run
   libbenchmark-dev               # benchmarks
+  dpkg-dev file                  # the Debian package: dpkg-shlibdeps and dpkg-architecture, file for CPack
 )
 
 missing=()

@@ -11,6 +11,7 @@ std::optional<Command> CommandNamed(const std::string& name) {
     if (name == "notify") return Command::Notify;
     if (name == "online") return Command::Online;
     if (name == "history") return Command::History;
+    if (name == "serve") return Command::Serve;
     if (name == "help") return Command::Help;
     return std::nullopt;
 }
@@ -19,14 +20,33 @@ std::optional<Command> CommandNamed(const std::string& name) {
 // than silently ignored, so a typo cannot run a different scan than meant.
 std::set<std::string> OptionsOf(Command command) {
     switch (command) {
-        case Command::Scan: return {"--device", "--scheduled", "--no-wait"};
-        case Command::Notify: return {"--device", "--payload", "--no-wait"};
-        case Command::Init:
-        case Command::Online: return {"--device", "--no-wait"};
-        case Command::History: return {"--device"};
+        case Command::Scan: return {"--device", "--scheduled", "--json", "--no-wait"};
+        case Command::Notify: return {"--device", "--payload", "--json", "--no-wait"};
+        case Command::Online: return {"--device", "--json", "--no-wait"};
+        case Command::History: return {"--device", "--json"};
+        case Command::Init: return {"--device", "--no-wait"};
+        case Command::Serve: return {"--device", "--broker", "--upload-url", "--ca", "--cert", "--key"};
         case Command::Help: break;
     }
     return {};
+}
+
+bool* FlagNamed(Options& options, const std::string& name) {
+    if (name == "--scheduled") return &options.scheduled;
+    if (name == "--json") return &options.json;
+    if (name == "--no-wait") return &options.noWait;
+    return nullptr;
+}
+
+std::string* ValueNamed(Options& options, const std::string& name) {
+    if (name == "--device") return &options.device;
+    if (name == "--payload") return &options.payload;
+    if (name == "--broker") return &options.serve.broker;
+    if (name == "--upload-url") return &options.serve.uploadUrl;
+    if (name == "--ca") return &options.serve.ca;
+    if (name == "--cert") return &options.serve.cert;
+    if (name == "--key") return &options.serve.key;
+    return nullptr;
 }
 
 ParsedCommandLine Fail(std::string error) { return ParsedCommandLine{std::nullopt, std::move(error)}; }
@@ -38,7 +58,7 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& args) {
     for (const auto& arg : args) {
         if (arg == "--help" || arg == "-h") return ParsedCommandLine{options, ""};
     }
-    if (args.empty()) return ParsedCommandLine{options, ""};
+    if (args.empty()) return Fail("no command given");
 
     const auto command = CommandNamed(args[0]);
     if (!command) return Fail("unknown command '" + args[0] + "'");
@@ -56,22 +76,19 @@ ParsedCommandLine ParseCommandLine(const std::vector<std::string>& args) {
         if (accepted.count(name) == 0) {
             return Fail("unknown option '" + name + "' for '" + args[0] + "'");
         }
-        if (name == "--scheduled" || name == "--no-wait") {
+        if (bool* flag = FlagNamed(options, name)) {
             if (value) return Fail(name + " takes no value");
-            (name == "--scheduled" ? options.scheduled : options.noWait) = true;
+            *flag = true;
             continue;
         }
         if (!value) {
             if (i + 1 >= args.size()) return Fail(name + " needs a value");
             value = args[++i];
         }
-        if (name == "--device") {
-            if (value->empty()) return Fail("--device needs a folder");
-            options.device = *value;
-        } else {
-            options.payload = *value;
-            payloadGiven = true;
-        }
+        // An empty payload is a request too: it asks for the agent's scan.
+        if (value->empty() && name != "--payload") return Fail(name + " needs a value");
+        *ValueNamed(options, name) = *value;
+        payloadGiven = payloadGiven || name == "--payload";
     }
     if (options.command == Command::Notify && !payloadGiven) return Fail("notify needs --payload JSON");
     return ParsedCommandLine{options, ""};
@@ -98,6 +115,15 @@ Commands:
            uploads that offline scans and plug-in requests deferred, and
            print what it uploaded.
   history  Print the scan history, newest scan last.
+  serve    Run as the device's service until SIGTERM or SIGINT: take the
+           cloud's requests from the MQTT broker (topic
+           zep/<deviceId>/notifications, QoS 1), and upload over HTTPS.
+           Messages are JSON envelopes of a hub notification:
+           {"topicId": 1, "eventState": 0, "actionType": "run",
+            "messageType": "getDiagnostics", "payload": "<JSON text>"}
+           Each reconnection after a lost connection delivers the device-
+           online notification. A first SIGTERM lets a running scan finish
+           (up to 60 s); a second one ends the service at once.
   help     Show this text.
 
 After a scan, scan and notify also print what was uploaded (the device's
@@ -107,18 +133,34 @@ scan added to the scan history, and the critical events it logged
 one code per line (for example 429 for "come back later", 10 for offline).
 
 Options:
-  --device DIR     The device folder (default: ./zep-device). scan, notify
-                   and online create a demo device there when it is missing
-                   or empty; history only reads it.
+  --device DIR     The device folder (default: ./zep-device). scan, notify,
+                   online and serve create a demo device there when it is
+                   missing or empty; history only reads it.
   --scheduled      scan: run it as a scheduled scan instead of a manual one.
   --no-wait        init, scan, notify, online: when another zepdiag is using
                    the device folder, exit with status 3 instead of waiting.
   --payload JSON   notify: the request's payload, for example
                    '{"zep-message":{"action":{"cmd_param":{"requestId":"r1","target":["zep"]}}}}'
+  --json           scan, notify, online, history: print one JSON document
+                   with the same facts instead of the text.
   -h, --help       Show this text.
 
-Exit status: 0 when the command ran (whatever the scan found), 2 for a usage
-error or a folder that cannot be used as a device folder, 3 when --no-wait
+Options of serve (each defaults to the device's platform policy,
+DIR/platform-policy.json):
+  --broker URL      mqtt://HOST[:1883] or mqtts://HOST[:8883]
+                    (default: mqtt_baseuri).
+  --upload-url URL  https://... receiving the uploads (default: api_baseuri
+                    + /diagnostics/upload; with neither, uploads stay in
+                    DIR/outbox/).
+  --ca FILE         The trusted roots, PEM (default: mqtt_chain_pem64, else
+                    the system's). tls_rootca_thumbprint_list,
+                    tls_leaf_cn_list and allow_self_signed_cert apply too.
+  --cert FILE --key FILE
+                    A client certificate and its key, PEM, for mutual TLS.
+
+Exit status: 0 when the command ran (whatever the scan found) or the service
+stopped on request, 2 for a usage error or a folder that cannot be used as a
+device folder (or, for serve, settings that cannot be used), 3 when --no-wait
 found the device folder in use, 1 otherwise.
 )";
 }

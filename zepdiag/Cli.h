@@ -5,9 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "serve/ServeSettings.h"
+
 namespace zepdiag {
 
-enum class Command { Help, Init, Scan, Notify, Online, History };
+enum class Command { Help, Init, Scan, Notify, Online, History, Serve };
 
 struct Options {
     Command command = Command::Help;
@@ -15,6 +17,8 @@ struct Options {
     bool scheduled = false;             // scan: report the scan as scheduled, not manual
     bool noWait = false;                // fail at once when the device folder is in use
     std::string payload;                // notify: the notification's JSON text
+    bool json = false;                  // scan, notify, online, history: one JSON document on stdout
+    serve::ServeOptions serve;          // serve: the roads to the cloud
 };
 
 struct ParsedCommandLine {
@@ -22,7 +26,8 @@ struct ParsedCommandLine {
     std::string error;               // what was wrong, for the user
 };
 
-// Parses the arguments after the program name.
+// Parses the arguments after the program name. No command at all is a usage
+// error; "help" and --help are not.
 ParsedCommandLine ParseCommandLine(const std::vector<std::string>& args);
 
 std::string UsageText();

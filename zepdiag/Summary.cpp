@@ -10,6 +10,7 @@
 
 #include <zip.h>
 
+#include "platform/util/JsonText.h"
 #include "platform/util/Strings.h"
 #include "results/HistoryFile.h"
 
@@ -41,24 +42,6 @@ std::string TextOf(const Json::Value& object, const char* key) {
 std::string Seconds(const Json::Value& object, const char* key) {
     const std::string text = TextOf(object, key);
     return text == kNotProduced ? text : text + " s";
-}
-
-std::optional<Json::Value> ReadJson(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    Json::CharReaderBuilder builder;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value root;
-    std::string errors;
-    try {
-        if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) || !root.isObject()) {
-            return std::nullopt;
-        }
-    } catch (...) {
-        return std::nullopt;
-    }
-    return root;
 }
 
 struct Row {
@@ -140,18 +123,20 @@ bool IsOutboxFolderName(const std::string& name) {
     return !name.empty() && name.find_first_not_of("0123456789") == std::string::npos;
 }
 
-// What kind of file the module uploaded, told by its name.
 std::string UploadKind(const OutboxUpload& upload) {
-    if (!upload.pluginId.empty()) return "the zip of plug-in " + upload.pluginId;
-    if (upload.file == "scan-result.json") return "the scan result only";
-    if (EndsWith(upload.file, ".zip")) return "the scan's zip";
+    switch (TypeOf(upload)) {
+        case UploadType::PluginZip: return "the zip of plug-in " + upload.pluginId;
+        case UploadType::ScanResult: return "the scan result only";
+        case UploadType::ScanZip: return "the scan's zip";
+        case UploadType::Other: break;
+    }
     return "a file";
 }
 
 // A plug-in's upload metadata embeds its own scan result, which holds its
 // one component; the agent's holds all of its scan's.
 std::string PluginOfUpload(const fs::path& metadataFile, const std::string& file) {
-    const std::optional<Json::Value> metadata = ReadJson(metadataFile);
+    const std::optional<Json::Value> metadata = ReadJsonFile(metadataFile);
     if (!metadata || !(*metadata)["context"].isObject()) return "";
     const Json::Value& components = (*metadata)["context"]["components"];
     if (!components.isArray() || components.size() != 1 || !components[0].isObject() ||
@@ -178,15 +163,6 @@ std::optional<fs::path> NewestEndingWith(const fs::path& folder, const std::stri
     }
     return found;
 }
-
-std::optional<std::string> LastLineOf(const FileSnapshot& file) {
-    std::vector<std::string> lines = file.exists ? SplitLines(file.content) : std::vector<std::string>{};
-    if (lines.empty()) return std::nullopt;
-    return std::move(lines.back());
-}
-
-// Plug-in lines carry "" for the signature they do not have.
-bool IsNoSignature(const std::string& signature) { return signature.empty() || signature == "\"\""; }
 
 // "cmd_param" of a getDiagnostics payload, or null.
 Json::Value CommandParameters(const std::string& payload) {
@@ -237,6 +213,35 @@ std::string ShortSignature(const std::string& signature) {
 }
 
 }  // namespace
+
+std::optional<Json::Value> ReadJsonFile(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return std::nullopt;
+    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    return zep::json::ParseObject(text);
+}
+
+std::optional<std::string> LastLineOf(const FileSnapshot& file) {
+    std::vector<std::string> lines = file.exists ? SplitLines(file.content) : std::vector<std::string>{};
+    if (lines.empty()) return std::nullopt;
+    return std::move(lines.back());
+}
+
+bool IsNoSignature(const std::string& signature) { return signature.empty() || signature == "\"\""; }
+
+UploadType TypeOf(const OutboxUpload& upload) {
+    if (!upload.pluginId.empty()) return UploadType::PluginZip;
+    if (upload.file == "scan-result.json") return UploadType::ScanResult;
+    if (EndsWith(upload.file, ".zip")) return UploadType::ScanZip;
+    return UploadType::Other;
+}
+
+std::optional<FailedUpload> ParseFailedUpload(const std::string& line) {
+    const std::size_t first = line.find(',');
+    const std::size_t last = line.rfind(',');
+    if (first == std::string::npos || first == last) return std::nullopt;
+    return FailedUpload{line.substr(0, first), line.substr(first + 1, last - first - 1), line.substr(last + 1)};
+}
 
 fs::path ScanResultPath(const fs::path& deviceDir) { return LatestFolder(deviceDir) / "scan-result.json"; }
 
@@ -374,7 +379,7 @@ void PrintScanSummary(std::ostream& out, const fs::path& deviceDir, const std::s
                       const std::optional<fs::path>& resultFile) {
     out << Field("Device folder", deviceDir.string());
 
-    const std::optional<Json::Value> result = resultFile ? ReadJson(*resultFile) : std::nullopt;
+    const std::optional<Json::Value> result = resultFile ? ReadJsonFile(*resultFile) : std::nullopt;
     if (result) {
         out << FormatScanResult(*result);
     } else {
@@ -414,7 +419,7 @@ OutboxUpload ReadOutboxFolder(const fs::path& folder) {
     upload.folder = folder;
     // upload.json names the file; without it, the one file that is neither
     // the record nor a metadata document.
-    if (const std::optional<Json::Value> record = ReadJson(folder / "upload.json");
+    if (const std::optional<Json::Value> record = ReadJsonFile(folder / "upload.json");
         record && (*record)["file"].isString()) {
         upload.file = (*record)["file"].asString();
     } else {
@@ -499,14 +504,12 @@ std::string FormatUploads(const fs::path& deviceDir, const RunActivity& activity
                 Field("Metadata", upload.metadata ? upload.file + ".metadata.json" : std::string("none"), 2);
     }
     for (const auto& line : activity.failedUploads) {
-        const std::size_t first = line.find(',');
-        const std::size_t last = line.rfind(',');
-        if (first == std::string::npos || first == last) {
+        const std::optional<FailedUpload> failed = ParseFailedUpload(line);
+        if (!failed) {
             text += Field("Upload", "failed: " + line);
             continue;
         }
-        text += Field("Upload", "failed with " + line.substr(last + 1) + ", " +
-                                    line.substr(first + 1, last - first - 1) + " at " + line.substr(0, first)) +
+        text += Field("Upload", "failed with " + failed->code + ", " + failed->file + " at " + failed->time) +
                 Field("Recorded in", (OutboxPath(deviceDir) / "failed.log").string(), 2);
     }
     return text.empty() ? Field("Upload", "nothing uploaded") : text;
@@ -527,16 +530,13 @@ std::string FormatEvents(const RunActivity& activity) {
     if (activity.events.empty()) return Field("Events", "none");
     std::string text;
     for (const auto& line : activity.events) {
-        Json::CharReaderBuilder builder;
-        const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-        Json::Value event;
-        std::string errors;
-        if (!reader->parse(line.data(), line.data() + line.size(), &event, &errors) || !event.isObject()) {
+        const std::optional<Json::Value> event = zep::json::ParseObject(line);
+        if (!event) {
             text += Field("Event", Continued(line));
             continue;
         }
-        text += Field("Event", TextOf(event, "eventId") + " at " + TextOf(event, "time")) +
-                Field("Text", Continued(TextOf(event, "text")), 2);
+        text += Field("Event", TextOf(*event, "eventId") + " at " + TextOf(*event, "time")) +
+                Field("Text", Continued(TextOf(*event, "text")), 2);
     }
     return text;
 }
@@ -597,13 +597,13 @@ std::string ByteCount(const Json::Value& object, const char* key) {
 
 std::string PluginResultLines(const fs::path& diagFolder) {
     const fs::path resultFile = PluginScanResultPath(diagFolder);
-    const std::optional<Json::Value> result = ReadJson(resultFile);
+    const std::optional<Json::Value> result = ReadJsonFile(resultFile);
     if (!result) return Field("Result file", kNotProduced);
     return Field("Result file", resultFile.string()) + FormatPluginScanResult(*result);
 }
 
 std::string PluginComponentLines(const fs::path& diagFolder) {
-    const std::optional<Json::Value> component = ReadJson(diagFolder / "component-result.json");
+    const std::optional<Json::Value> component = ReadJsonFile(diagFolder / "component-result.json");
     return component ? FormatComponent(*component) : Field("Component", kNotProduced);
 }
 

@@ -30,6 +30,11 @@ bool WrittenSince(const FileSnapshot& before, const FileSnapshot& now);
 // when it was replaced (its old content is no longer at its start).
 std::vector<std::string> LinesAddedSince(const FileSnapshot& before, const FileSnapshot& now);
 
+// A JSON document's object; empty when the file cannot be read or parsed.
+std::optional<Json::Value> ReadJsonFile(const std::filesystem::path& path);
+// The file's last non-empty line, when it has one.
+std::optional<std::string> LastLineOf(const FileSnapshot& file);
+
 // programdata/diagnostics/latest/scan-result.json.
 std::filesystem::path ScanResultPath(const std::filesystem::path& deviceDir);
 ResultSnapshot SnapshotScanResult(const std::filesystem::path& deviceDir);
@@ -96,6 +101,17 @@ struct OutboxUpload {
 };
 OutboxUpload ReadOutboxFolder(const std::filesystem::path& folder);
 
+// What an upload was, told by its names.
+enum class UploadType { ScanZip, ScanResult, PluginZip, Other };
+UploadType TypeOf(const OutboxUpload& upload);
+
+// A line of outbox/failed.log, "time,file,code" (the file name may hold
+// commas); empty when the line has another shape.
+struct FailedUpload {
+    std::string time, file, code;
+};
+std::optional<FailedUpload> ParseFailedUpload(const std::string& line);
+
 // What a run added since `before`. The history line is the file's last line
 // when the run changed the file.
 struct RunActivity {
@@ -113,6 +129,8 @@ std::optional<std::string> LastHistoryLine(const std::filesystem::path& deviceDi
 // A history line's six fields (time, trigger, upload status, artifact status,
 // failed tests, signature); empty when the line has another shape.
 std::vector<std::string> HistoryFields(const std::string& line);
+// Plug-in lines carry "" for the signature they do not have.
+bool IsNoSignature(const std::string& signature);
 // "0 uploaded", "1 not uploaded (error)", "2 offline, upload deferred".
 std::string UploadStatusText(const std::string& status);
 

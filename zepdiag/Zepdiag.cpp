@@ -5,7 +5,6 @@
 #include <exception>
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <system_error>
@@ -16,18 +15,18 @@
 #include "DemoDevice.h"
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
+#include "JsonSummary.h"
+#include "Module.h"
 #include "Summary.h"
-#include "platform/env/Env.h"
-#include "platform/device/InProcessHub.h"
-#include "platform/util/Strings.h"
 #include "platform/agent/ZEPNotificationData.h"
-#include "platform/device/DeviceFolder.h"
+#include "platform/env/Env.h"
+#include "platform/util/Strings.h"
 #include "plugins/PluginFolders.h"
+#include "serve/Service.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using zep::platform::InProcessHub;
 using namespace zepdiag;
 
 constexpr int kFailure = 1;
@@ -36,21 +35,7 @@ constexpr int kBusy = 3;      // --no-wait and another run holds the device fold
 
 // The hub's topics and states that the module listens to.
 constexpr int kTopicGetDiagnostics = 3;
-constexpr int kTopicNetwork = 6;
 constexpr int kStateNone = 0;
-
-// The manager is a process-wide singleton that subscribes to the hub of the
-// Env installed when Init runs and never unsubscribes from it. Every hub is
-// therefore kept until the process ends, so that nothing the manager holds
-// names a hub that is gone.
-std::shared_ptr<InProcessHub> NewHub() {
-    static std::mutex mutex;
-    static std::vector<std::shared_ptr<InProcessHub>> hubs;
-    auto hub = std::make_shared<InProcessHub>();
-    std::lock_guard<std::mutex> lock(mutex);
-    hubs.push_back(hub);
-    return hub;
-}
 
 // Absolute and without a trailing separator, so that what is printed is the
 // path the module itself logs.
@@ -116,31 +101,29 @@ bool PrepareDeviceFolder(const fs::path& dir, std::ostream& out, std::ostream& e
     return false;
 }
 
-// The module running on one device folder, with a hub of its own.
-struct Session {
-    fs::path dir;
-    std::shared_ptr<InProcessHub> hub;
-    DiagnosticsManager* manager = nullptr;
-};
-
-Session StartModule(const fs::path& dir) {
-    Session session{dir, NewHub(), nullptr};
-    zep::platform::InstallEnv(zep::platform::MakeDeviceFolderEnv(zep::text::DecodeFileName(dir.native()), session.hub));
-    session.manager = DiagnosticsManager::GetInstance();
-    // Init again on every call: it subscribes to the hub just installed and
-    // opens the log of this device folder.
-    session.manager->Init(nullptr);
-    return session;
+// The scan's summary and what it did beside, as one JSON document.
+Json::Value ScanDocument(const Session& session, const std::string& trigger,
+                         const std::optional<fs::path>& result, const RunActivity& done) {
+    Json::Value document = ScanJson(session.dir, trigger, result);
+    MergeInto(document, ActivityJson(done));
+    return document;
 }
 
-int RunScan(const Session& session, bool scheduled, std::ostream& out) {
+int RunScan(const Session& session, const Options& options, std::ostream& out) {
     const ResultSnapshot before = SnapshotScanResult(session.dir);
     const ActivitySnapshot activity = SnapshotActivity(session.dir);
-    session.manager->StartDiagnosticsScan(scheduled ? 0 : DiagnosticsManager::kManualScanRequest, std::nullopt);
+    session.manager->StartDiagnosticsScan(options.scheduled ? 0 : DiagnosticsManager::kManualScanRequest,
+                                          std::nullopt);
     session.manager->WaitForScanToFinish();
-    PrintScanSummary(out, session.dir, scheduled ? "Scheduled" : "Manual",
-                     ScanResultWrittenSince(session.dir, before));
-    out << '\n' << FormatActivity(session.dir, ActivitySince(session.dir, activity));
+    const std::string trigger = options.scheduled ? "Scheduled" : "Manual";
+    const auto result = ScanResultWrittenSince(session.dir, before);
+    const RunActivity done = ActivitySince(session.dir, activity);
+    if (options.json) {
+        out << JsonText(ScanDocument(session, trigger, result, done));
+        return 0;
+    }
+    PrintScanSummary(out, session.dir, trigger, result);
+    out << '\n' << FormatActivity(session.dir, done);
     return 0;
 }
 
@@ -186,14 +169,31 @@ std::vector<PluginTarget> ResolvePluginTargets(const std::string& payload) {
     return targets;
 }
 
-int RunNotify(const Session& session, const std::string& payload, std::ostream& out) {
+// Whether the agent's own scan ran for a request, and why not.
+enum class AgentScan { Ran, NotRequested, FilteredOut };
+
+const char* AgentScanName(AgentScan scan) {
+    switch (scan) {
+        case AgentScan::Ran: return "ran";
+        case AgentScan::NotRequested: return "not requested";
+        case AgentScan::FilteredOut: break;
+    }
+    return "filtered out";
+}
+
+int RunNotify(const Session& session, const Options& options, std::ostream& out) {
+    const std::string& payload = options.payload;
     const ResultSnapshot before = SnapshotScanResult(session.dir);
     const ActivitySnapshot activity = SnapshotActivity(session.dir);
     const std::vector<PluginTarget> plugins = ResolvePluginTargets(payload);
     Deliver(session, ZEPNotificationData(kTopicGetDiagnostics, kStateNone, L"run", L"getDiagnostics",
                                          zep::text::FromUtf8(payload)));
     const auto result = ScanResultWrittenSince(session.dir, before);
-    PrintScanSummary(out, session.dir, "Mqtt", result);
+    // The module does not say whether it took the request; every scan it runs
+    // for one rewrites the scan result, so an unchanged one means it ran none.
+    const AgentScan agentScan = result                ? AgentScan::Ran
+                                : !NamesAgent(payload) ? AgentScan::NotRequested
+                                                       : AgentScan::FilteredOut;
 
     // The agent's uploads here, each plug-in's with its plug-in.
     RunActivity done = ActivitySince(session.dir, activity);
@@ -201,13 +201,21 @@ int RunNotify(const Session& session, const std::string& payload, std::ostream& 
     for (const auto& plugin : plugins) {
         pluginUploads.push_back(plugin.pluginId.empty() ? RunActivity{} : TakePluginActivity(done, plugin.pluginId));
     }
+    if (options.json) {
+        Json::Value document = ScanDocument(session, "Mqtt", result, done);
+        document["agentScan"] = AgentScanName(agentScan);
+        document["plugins"] = Json::Value(Json::arrayValue);
+        for (std::size_t i = 0; i < plugins.size(); ++i) {
+            document["plugins"].append(PluginTargetJson(plugins[i], pluginUploads[i]));
+        }
+        out << JsonText(document);
+        return 0;
+    }
+    PrintScanSummary(out, session.dir, "Mqtt", result);
     out << '\n' << FormatActivity(session.dir, done);
-    if (!result && !NamesAgent(payload)) {
+    if (agentScan == AgentScan::NotRequested) {
         out << "\nThe request does not name \"zep\": the agent's own scan did not run.\n";
-    } else if (!result) {
-        // The module does not say whether it took the request; every scan it
-        // runs for one rewrites the scan result, so an unchanged one means it
-        // ran none (rate limit, or targets this device does not scan).
+    } else if (agentScan == AgentScan::FilteredOut) {
         out << "\nNo scan result was written for this notification: it was filtered out (rate limit) or its "
                "targets leave out every component scanned here. See the module log.\n";
     }
@@ -243,15 +251,32 @@ std::vector<fs::path> PluginDiagFolders() {
 // The module resumes a deferred upload on the hub's thread; Deliver waits for
 // it. The history's last line before and after shows a status rewritten from
 // 2 (offline) to what the upload achieved.
-int RunOnline(const Session& session, std::ostream& out) {
+int RunOnline(const Session& session, const Options& options, std::ostream& out) {
     const ActivitySnapshot activity = SnapshotActivity(session.dir);
     const std::optional<std::string> lastBefore = LastHistoryLine(session.dir);
     std::vector<std::pair<fs::path, FileSnapshot>> pluginHistories;
     for (const auto& folder : PluginDiagFolders()) {
         pluginHistories.emplace_back(folder, SnapshotFile(PluginHistoryPath(folder)));
     }
-    Deliver(session, ZEPNotificationData(kTopicNetwork, kStateNone, L"", L"", L""));
+    Deliver(session, DeviceOnlineNotification());
     const RunActivity done = ActivitySince(session.dir, activity);
+    if (options.json) {
+        Json::Value document(Json::objectValue);
+        document["deviceFolder"] = session.dir.string();
+        document["delivered"] = true;
+        MergeInto(document, ActivityJson(done));
+        document.removeMember("historyLine");
+        document["historyBefore"] = HistoryLineJson(lastBefore);
+        document["historyAfter"] = HistoryLineJson(LastHistoryLine(session.dir));
+        document["plugins"] = Json::Value(Json::arrayValue);
+        for (const auto& [folder, before] : pluginHistories) {
+            Json::Value change = PluginHistoryChangeJson(folder, before);
+            if (!change.isNull()) document["plugins"].append(std::move(change));
+        }
+        document["moduleLog"] = ModuleLogPath(session.dir).string();
+        out << JsonText(document);
+        return 0;
+    }
     out << "Device folder:     " << session.dir.string() << '\n'
         << "The online notification was delivered to the module.\n\n"
         << FormatUploads(session.dir, done) << '\n'
@@ -266,7 +291,7 @@ int RunOnline(const Session& session, std::ostream& out) {
     return 0;
 }
 
-int RunHistory(const fs::path& dir, std::ostream& out, std::ostream& err) {
+int RunHistory(const fs::path& dir, const Options& options, std::ostream& out, std::ostream& err) {
     // Only read: a folder that is not a device is not made one here.
     switch (InspectDeviceFolder(dir)) {
         case FolderKind::Device: break;
@@ -281,6 +306,10 @@ int RunHistory(const fs::path& dir, std::ostream& out, std::ostream& err) {
         case FolderKind::NotADirectory:
             err << "zepdiag: " << dir.string() << " exists and is not a folder\n";
             return kUnusable;
+    }
+    if (options.json) {
+        out << JsonText(HistoryJson(dir, ReadScanHistory(dir)));
+        return 0;
     }
     out << "Scan history:      " << ScanHistoryPath(dir).string() << "\n\n"
         << FormatHistoryTable(ReadScanHistory(dir));
@@ -310,25 +339,32 @@ int Run(const Options& options, std::ostream& out, std::ostream& err) {
         return 0;
     }
     const fs::path dir = DeviceFolderPath(options.device);
-    if (options.command == Command::History) return RunHistory(dir, out, err);
+    if (options.command == Command::History) return RunHistory(dir, options, out, err);
     // Only a folder zepdiag may write to is locked; anything else is refused
-    // below, untouched.
+    // below, untouched. The service does not hold it: it scans through the
+    // module, whose own lock keeps its scans and any other run's apart, and a
+    // command run by hand must not wait for the service to end.
     std::unique_ptr<zep::platform::FileLock> lock;
-    if (const FolderKind kind = InspectDeviceFolder(dir); kind != FolderKind::Other && kind != FolderKind::NotADirectory) {
+    if (const FolderKind kind = InspectDeviceFolder(dir);
+        options.command != Command::Serve && kind != FolderKind::Other && kind != FolderKind::NotADirectory) {
         lock = LockDeviceFolder(dir, !options.noWait, err);
         if (!lock) return kBusy;
     }
     if (options.command == Command::Init) return RunInit(dir, out, err);
-    if (!PrepareDeviceFolder(dir, out, err)) return kUnusable;
+    // With --json, standard output holds the document alone.
+    if (!PrepareDeviceFolder(dir, options.json ? err : out, err)) return kUnusable;
 
-    const Session session = StartModule(dir);
+    if (options.command == Command::Serve) return serve::RunServe(options.serve, dir, err);
+    const auto hub = NewHub();
+    const Session session = StartModule(dir, hub, DeviceFolderEnv(dir, hub));
     switch (options.command) {
-        case Command::Scan: return RunScan(session, options.scheduled, out);
-        case Command::Notify: return RunNotify(session, options.payload, out);
-        case Command::Online: return RunOnline(session, out);
+        case Command::Scan: return RunScan(session, options, out);
+        case Command::Notify: return RunNotify(session, options, out);
+        case Command::Online: return RunOnline(session, options, out);
         case Command::Help:
         case Command::Init:
-        case Command::History: break;
+        case Command::History:
+        case Command::Serve: break;
     }
     return kFailure;
 }

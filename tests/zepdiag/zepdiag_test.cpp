@@ -240,7 +240,9 @@ TEST_F(ZepdiagTest, UnusableCommandLinesExitWithTwo) {
         {{"bogus"}, usage}, {{"scan", "--bogus"}, usage}, {{"scan", "--device"}, usage},
         {{"scan", "--device", ""}, usage}, {{"scan", "--payload", "{}"}, usage}, {{"notify", "--device", "x"}, usage},
         {{"notify", "--scheduled", "--payload", "{}"}, usage}, {{"init", "--scheduled"}, usage},
-        {{"scan", "--scheduled=yes"}, usage}, {{"history", "--payload", "{}"}, usage},
+        {{"scan", "--scheduled=yes"}, usage}, {{"history", "--payload", "{}"}, usage}, {{}, usage},
+        {{"init", "--json"}, usage}, {{"scan", "--json=yes"}, usage}, {{"serve", "--payload", "{}"}, usage},
+        {{"serve", "--broker"}, usage}, {{"serve", "--upload-url="}, usage},
         {{"init", "--device", folder}, folder}, {{"scan", "--device", folder}, folder},
         {{"init", "--device", file}, file}, {{"scan", "--device", file}, file},
         {{"history", "--device", folder}, folder}, {{"history", "--device", file}, file},
@@ -267,6 +269,79 @@ TEST_F(ZepdiagTest, HistoryPrintsOnlyTheRingsLinesOfAHugeFile) {
     EXPECT_THAT(outcome.out, HasSubstr("sig200000"));
     EXPECT_THAT(outcome.out, HasSubstr("sig199901"));
     EXPECT_THAT(outcome.out, ::testing::Not(HasSubstr("sig199900")));
+}
+
+// Scripts read the same facts as one JSON document on standard output.
+TEST_F(ZepdiagTest, JsonOutputIsOneDocumentWithTheFactsOfTheText) {
+    ASSERT_EQ(Zepdiag({"init", "--device", device.string()}).code, 0);
+    SetOnline(false);
+    const Outcome scan = Zepdiag({"scan", "--device", device.string(), "--json"});
+    ASSERT_EQ(scan.code, 0) << scan.err;
+    const Json::Value scanned = ParseJson(scan.out);
+    EXPECT_EQ(scanned["trigger"].asString(), "Manual");
+    EXPECT_EQ(scanned["scanResult"], ParseJson(Read(zepdiag::ScanResultPath(device))));
+    const std::string zip = scanned["zip"]["path"].asString();
+    EXPECT_TRUE(fs::is_regular_file(zip)) << zip;
+    EXPECT_EQ(scanned["zip"]["size"].asUInt64(), fs::file_size(zip));
+    EXPECT_GT(scanned["zip"]["entries"].size(), 3u);
+    EXPECT_EQ(scanned["uploads"], Json::Value(Json::arrayValue));
+    EXPECT_EQ(scanned["historyLine"]["line"].asString(), History().at(0));
+    EXPECT_EQ(scanned["historyLine"]["uploadStatus"].asInt(), 2);
+    EXPECT_EQ(scanned["events"][0]["eventId"].asInt(), 1018);
+
+    SetOnline(true);
+    const Outcome online = Zepdiag({"online", "--device", device.string(), "--json"});
+    ASSERT_EQ(online.code, 0) << online.err;
+    const Json::Value onlined = ParseJson(online.out);
+    EXPECT_EQ(onlined["historyBefore"]["uploadStatus"].asInt(), 2);
+    EXPECT_EQ(onlined["historyAfter"]["uploadStatus"].asInt(), 0);
+    EXPECT_EQ(onlined["uploads"][0]["file"].asString(), fs::path(zip).filename().string());
+    EXPECT_EQ(onlined["uploads"][0]["type"].asString(), "scanZip");
+    EXPECT_EQ(onlined["uploads"][0]["folder"].asString(), Outbox("0001").string());
+
+    const Outcome history = Zepdiag({"history", "--device", device.string(), "--json"});
+    ASSERT_EQ(history.code, 0) << history.err;
+    const Json::Value entries = ParseJson(history.out)["entries"];
+    ASSERT_EQ(entries.size(), 1u);
+    EXPECT_EQ(entries[0]["uploadStatus"].asInt(), 0);
+    EXPECT_EQ(entries[0]["signature"].asString(), zepdiag::HistoryFields(History().at(0)).at(5));
+
+    // A device made on the way is mentioned on standard error, not in the document.
+    const Outcome fresh = Zepdiag({"scan", "--device", (root / "fresh").string(), "--json"});
+    EXPECT_TRUE(ParseJson(fresh.out).isObject());
+    EXPECT_THAT(fresh.err, HasSubstr("Created a demo device"));
+}
+
+TEST_F(ZepdiagTest, NotifyJsonReportsThePluginBesideTheAgent) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto notify = [&] {
+        const std::string payload =
+            R"({"zep-message":{"action":{"cmd_param":{"requestId":"J1","target":["zep","demo-plugin","absent"]}}}})";
+        const Outcome outcome = Zepdiag({"notify", "--device", device.string(), "--payload", payload, "--json"});
+        EXPECT_EQ(outcome.code, 0) << outcome.err;
+        const Json::Value document = ParseJson(outcome.out);
+        EXPECT_EQ(document["agentScan"].asString(), "ran");
+        EXPECT_EQ(document["uploads"].size(), 1u);  // the agent's; the plug-in's is with the plug-in
+        // In the module's order of targets: "absent", then "demo-plugin".
+        EXPECT_TRUE(document["plugins"][0]["pluginId"].isNull());
+        const Json::Value& plugin = document["plugins"][1];
+        EXPECT_EQ(plugin["pluginId"].asString(), "com.quorin.demoplugin");
+        EXPECT_TRUE(plugin["instances"][0]["asked"].asBool());
+        EXPECT_EQ(plugin["instances"][0]["historyLine"]["uploadStatus"].asInt(), 0);
+        EXPECT_EQ(plugin["uploads"][0]["type"].asString(), "pluginZip");
+    };
+    EXPECT_EXIT((notify(), fs::remove_all(root), ExitTellingFailures()), ::testing::ExitedWithCode(0), "");
+}
+
+// Settings that cannot work stop the service before it connects anywhere.
+TEST_F(ZepdiagTest, ServeRefusesSettingsItCannotUse) {
+    const Outcome noBroker = Zepdiag({"serve", "--device", device.string()});
+    EXPECT_EQ(noBroker.code, 2);
+    EXPECT_THAT(noBroker.err, HasSubstr("no broker"));
+    const Outcome clearText = Zepdiag({"serve", "--device", device.string(), "--broker", "mqtt://127.0.0.1:1",
+                                       "--upload-url", "http://127.0.0.1:1/upload"});
+    EXPECT_EQ(clearText.code, 2);
+    EXPECT_THAT(clearText.err, HasSubstr("does not start with https://"));
 }
 
 }  // namespace

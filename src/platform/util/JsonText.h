@@ -1,5 +1,6 @@
-// Parsing of JSON text for every document the module reads. JsonCpp throws
-// past its nesting limit; here that is one more malformed document.
+// Parsing of JSON text for every document the module reads (exported for its
+// hosts too). JsonCpp throws past its nesting limit; here that is one more
+// malformed document.
 #pragma once
 
 #include <memory>
@@ -8,6 +9,8 @@
 #include <string_view>
 
 #include <json/json.h>
+
+#include "DiagnosticScanner/Export.h"
 
 namespace zep::json {
 
@@ -37,10 +40,10 @@ private:
 // Parses `text` into `value`. False, with the reader's message in `errors`
 // when given and `value` unchanged, when the text is not one JSON value.
 // Never throws.
-bool Parse(std::string_view text, Json::Value& value, std::string* errors = nullptr,
-           const ParseOptions& options = {});
+DIAGSCANNER_API bool Parse(std::string_view text, Json::Value& value, std::string* errors = nullptr,
+                           const ParseOptions& options = {});
 
 // The text's value when it parses and is an object.
-std::optional<Json::Value> ParseObject(std::string_view text, const ParseOptions& options = {});
+DIAGSCANNER_API std::optional<Json::Value> ParseObject(std::string_view text, const ParseOptions& options = {});
 
 }  // namespace zep::json

@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "DiagnosticScanner/Export.h"
+
 namespace zep::jwt {
 
 // Base64url without padding. Anything else is refused (nullopt): '=', '+',
@@ -16,8 +18,9 @@ namespace zep::jwt {
 std::optional<std::string> Base64UrlDecode(std::string_view text);
 
 // Standard base64 ('+', '/', optional '=' padding), whitespace ignored: the
-// body of a public key given without its PEM armour.
-std::optional<std::string> Base64Decode(std::string_view text);
+// body of a public key given without its PEM armour. Exported for the hosts,
+// which read base64 from the platform policy too.
+DIAGSCANNER_API std::optional<std::string> Base64Decode(std::string_view text);
 
 // A token "header.payload.signature": the encoded parts as they were signed,
 // and their decoded bytes.

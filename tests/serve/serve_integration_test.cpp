@@ -1,0 +1,318 @@
+// `zepdiag serve` end to end: the real program against a real mosquitto and a
+// real HTTPS upload server, all on 127.0.0.1. Every wait is bounded.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <openssl/evp.h>
+#include <signal.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <json/json.h>
+
+#include "Broker.h"
+#include "ChildProcess.h"
+#include "Pki.h"
+#include "UploadServer.h"
+#include "platform/agent/CommonBase.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace zep::testing;
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+constexpr auto kWait = 20s;  // for anything that involves a scan or a reconnect
+
+// The program of this build; ZEPDIAG_PROGRAM in the environment names another
+// (a release build, to measure it).
+std::string Program() {
+    const char* other = std::getenv("ZEPDIAG_PROGRAM");
+    return other != nullptr && *other != '\0' ? other : ZEPDIAG_PROGRAM;
+}
+
+std::string JsonText(const Json::Value& value) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    return Json::writeString(builder, value);
+}
+
+Json::Value ParseJson(const std::string& text) {
+    Json::Value value;
+    std::istringstream in(text);
+    Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr);
+    return value;
+}
+
+// The envelope of a getDiagnostics request for the agent's own scan.
+std::string Request(const std::string& requestId) {
+    Json::Value payload;
+    payload["zep-message"]["action"]["cmd_param"]["requestId"] = requestId;
+    payload["zep-message"]["action"]["cmd_param"]["target"].append("zep");
+    Json::Value envelope;
+    envelope["topicId"] = 3;
+    envelope["eventState"] = 0;
+    envelope["actionType"] = "run";
+    envelope["messageType"] = "getDiagnostics";
+    envelope["payload"] = JsonText(payload);
+    return JsonText(envelope);
+}
+
+std::string Base64(const std::string& bytes) {
+    std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');
+    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                                       reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
+    text.resize(static_cast<std::size_t>(length));
+    return text;
+}
+
+std::string Sha256Hex(const std::string& bytes) {
+    std::string digest;
+    CoreUtility::CreateSHA256Hash(digest, bytes);
+    return digest;
+}
+
+// The program running as the service, its log in a file.
+class Service {
+public:
+    Service(const fs::path& device, std::vector<std::string> options)
+        : log_(device.parent_path() / (device.filename().string() + "-serve.log")),
+          process_(Arguments(device, std::move(options)), log_) {}
+
+    bool WaitForLog(const std::string& text, std::chrono::milliseconds timeout = kWait) const {
+        return Eventually([&] { return Log().find(text) != std::string::npos; }, timeout);
+    }
+    std::string Log() const { return ReadFile(log_); }
+    void Signal(int signal) const { process_.Signal(signal); }
+    std::optional<int> Wait(std::chrono::milliseconds timeout) { return process_.Wait(timeout); }
+    std::optional<int> Stop() {
+        process_.Signal(SIGTERM);
+        return process_.Wait(15s);
+    }
+
+private:
+    static std::vector<std::string> Arguments(const fs::path& device, std::vector<std::string> options) {
+        options.insert(options.begin(), {Program(), "serve", "--device", device.string()});
+        return options;
+    }
+    fs::path log_;
+    ChildProcess process_;
+};
+
+class ServeTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::string pattern = ::testing::TempDir() + "zep-serve-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+        root = pattern;
+    }
+    void TearDown() override {
+        if (!HasFailure()) fs::remove_all(root);  // kept for the logs otherwise
+    }
+
+    // A demo device made by the program, with `policy` as its platform policy.
+    fs::path NewDevice(const std::string& name, const Json::Value& policy = Json::Value(Json::objectValue)) {
+        const fs::path device = root / name;
+        EXPECT_EQ(RunToEnd({Program(), "init", "--device", device.string()}, root / "init.log"), 0);
+        std::ofstream(device / "platform-policy.json") << JsonText(policy);
+        return device;
+    }
+    static std::string Topic(const fs::path& device) {
+        return "zep/" + ParseJson(ReadFile(device / "device.json"))["deviceId"].asString() + "/notifications";
+    }
+    static std::vector<std::string> History(const fs::path& device) {
+        std::vector<std::string> lines;
+        std::istringstream in(ReadFile(device / "programdata/diagnostics/scan-history.log"));
+        for (std::string line; std::getline(in, line);) lines.push_back(line);
+        return lines;
+    }
+    // The upload status of the history's last line, once there is one.
+    static std::string LastStatus(const fs::path& device) {
+        Eventually([&] { return !History(device).empty(); }, kWait);
+        const std::vector<std::string> lines = History(device);
+        if (lines.empty()) return "no history";
+        std::vector<std::string> fields;
+        std::istringstream in(lines.back());
+        for (std::string field; std::getline(in, field, ',');) fields.push_back(field);
+        return fields.size() == 6 ? fields[2] : "unreadable: " + lines.back();
+    }
+
+    fs::path root;
+};
+
+// Trust, client certificate, pin and leaf name all at work, the addresses
+// from the platform policy; a malformed message on the way changes nothing.
+TEST_F(ServeTest, ARequestOverMutualTlsIsScannedAndItsArchiveUploadedOverHttps) {
+    const Pki& pki = TestPki();
+    Broker broker(root, Broker::Mode::MutualTls);
+    ASSERT_TRUE(broker.Start());
+    UploadServer server(pki.server);
+    Json::Value policy;
+    policy["mqtt_baseuri"] = broker.Url();
+    policy["api_baseuri"] = "https://127.0.0.1:" + std::to_string(server.Port()) + "/";
+    policy["mqtt_chain_pem64"] = Base64(ReadFile(pki.root.cert));
+    policy["tls_rootca_thumbprint_list"].append(pki.rootThumbprint);
+    policy["tls_leaf_cn_list"].append("LOCALHOST");
+    const fs::path device = NewDevice("device", policy);
+    Service service(device, {"--cert", pki.client.cert.string(), "--key", pki.client.key.string()});
+    ASSERT_TRUE(service.WaitForLog("subscribed to " + Topic(device))) << service.Log();
+
+    ASSERT_TRUE(broker.Publish(Topic(device), "{\"topicId\": \"3\"}"));
+    const auto published = std::chrono::steady_clock::now();
+    ASSERT_TRUE(broker.Publish(Topic(device), Request("Req-TLS-1")));
+    ASSERT_TRUE(server.WaitForUploads(1, kWait)) << service.Log();
+    const ReceivedUpload upload = server.Uploads()[0];
+    const auto latency = std::chrono::duration_cast<std::chrono::milliseconds>(upload.arrived - published);
+    std::cout << "[ measure  ] published request to upload: " << latency.count() << " ms\n";
+    RecordProperty("request_to_upload_ms", static_cast<int>(latency.count()));
+
+    EXPECT_EQ(upload.fileName, "LD-4F2A9C_req-tls-1.zip");
+    EXPECT_EQ(upload.fileContent.substr(0, 2), "PK");
+    EXPECT_EQ(upload.deviceId, ParseJson(ReadFile(device / "device.json"))["deviceId"].asString());
+    EXPECT_EQ(upload.unregistered, "false");
+    const Json::Value metadata = ParseJson(upload.metadata);
+    EXPECT_EQ(metadata["name"].asString(), upload.fileName);
+    EXPECT_EQ(metadata["sizeInBytes"].asUInt64(), upload.fileContent.size());
+    EXPECT_EQ(metadata["hash"].asString(), Sha256Hex(upload.fileContent));
+    EXPECT_EQ(metadata["context"]["id"].asString(), "req-tls-1");
+    EXPECT_EQ(LastStatus(device), "0");
+    EXPECT_THAT(service.Log(), HasSubstr("dropped: not an integer: topicId"));
+    EXPECT_EQ(service.Stop(), 0) << service.Log();
+}
+
+TEST_F(ServeTest, UploadAnswersAndADeadServerBecomeHistoryStatuses) {
+    const Pki& pki = TestPki();
+    Broker broker(root, Broker::Mode::Plain);
+    ASSERT_TRUE(broker.Start());
+    UploadServer server(pki.server);
+    const std::string deadUrl = "https://127.0.0.1:" + std::to_string(FreePort()) + "/diagnostics/upload";
+    struct Case {
+        int answer;  // 0: nobody listens
+        const char* status;
+        const char* logged;
+    };
+    for (const Case& test : {Case{429, "1", "HTTP 429, Retry-After: 120 (result 429)"},
+                             Case{500, "1", "HTTP 500 (result 500)"}, Case{0, "2", "accepts no connection"}}) {
+        SCOPED_TRACE(test.answer);
+        if (test.answer != 0) server.AnswerNext(test.answer);
+        const fs::path device = NewDevice("device-" + std::to_string(test.answer));
+        Service service(device, {"--broker", broker.Url(), "--upload-url", test.answer != 0 ? server.Url() : deadUrl,
+                                 "--ca", pki.root.cert.string()});
+        ASSERT_TRUE(service.WaitForLog("subscribed to")) << service.Log();
+        ASSERT_TRUE(broker.Publish(Topic(device), Request("r-" + std::to_string(test.answer))));
+        EXPECT_EQ(LastStatus(device), test.status) << service.Log();
+        EXPECT_THAT(service.Log(), HasSubstr(test.logged));
+        EXPECT_EQ(service.Stop(), 0) << service.Log();
+    }
+    EXPECT_EQ(server.Uploads().size(), 2u);
+}
+
+// The upload deferred while its server was down completes on the device-online
+// notification that the reconnection after a broker restart delivers.
+TEST_F(ServeTest, ABrokerRestartDeliversDeviceOnlineAndTheDeferredUploadArrives) {
+    const Pki& pki = TestPki();
+    Broker broker(root, Broker::Mode::Plain);
+    ASSERT_TRUE(broker.Start());
+    const int uploadPort = FreePort();
+    const fs::path device = NewDevice("device");
+    Service service(device, {"--broker", broker.Url(), "--upload-url",
+                             "https://127.0.0.1:" + std::to_string(uploadPort) + "/diagnostics/upload", "--ca",
+                             pki.root.cert.string()});
+    ASSERT_TRUE(service.WaitForLog("subscribed to")) << service.Log();
+    ASSERT_TRUE(broker.Publish(Topic(device), Request("deferred-1")));
+    ASSERT_EQ(LastStatus(device), "2") << service.Log();
+    EXPECT_THAT(service.Log(), Not(HasSubstr("delivering device-online")));
+
+    UploadServer server(pki.server, uploadPort);
+    ASSERT_EQ(server.Port(), uploadPort);
+    broker.Stop();
+    ASSERT_TRUE(broker.Start());
+    ASSERT_TRUE(server.WaitForUploads(1, kWait)) << service.Log();
+    EXPECT_THAT(service.Log(), HasSubstr("delivering device-online"));
+    EXPECT_EQ(server.Uploads()[0].fileName, "LD-4F2A9C_deferred-1.zip");
+    EXPECT_TRUE(Eventually([&] { return LastStatus(device) == "0"; }, kWait)) << service.Log();
+    EXPECT_EQ(History(device).size(), 1u);  // the deferred scan's line, rewritten
+    EXPECT_EQ(service.Stop(), 0) << service.Log();
+}
+
+TEST_F(ServeTest, ARootPinThatDoesNotMatchRefusesTheBrokerAndSaysWhy) {
+    const Pki& pki = TestPki();
+    Broker broker(root, Broker::Mode::Tls);
+    ASSERT_TRUE(broker.Start());
+    Json::Value policy;
+    policy["tls_rootca_thumbprint_list"].append("00:11:22:33:44:55:66:77:88:99:AA:BB:CC:DD:EE:FF:00:11:22:33");
+    const fs::path device = NewDevice("device", policy);
+    Service service(device, {"--broker", broker.Url(), "--ca", pki.root.cert.string()});
+
+    std::string seen = pki.rootThumbprint;
+    seen.erase(std::remove(seen.begin(), seen.end(), ':'), seen.end());
+    std::transform(seen.begin(), seen.end(), seen.begin(), [](unsigned char c) { return std::tolower(c); });
+    ASSERT_TRUE(service.WaitForLog("root certificate thumbprint " + seen +
+                                   " is not pinned (expected 00112233445566778899aabbccddeeff00112233)"))
+        << service.Log();
+    EXPECT_THAT(service.Log(), Not(HasSubstr("connected to")));
+    EXPECT_EQ(service.Stop(), 0) << service.Log();
+}
+
+// The package script of the demo device, made to hold the scan until the
+// test releases it (at most 20 s).
+void HoldScans(const fs::path& device) {
+    const fs::path script = device / "packages/com.quorin.vpnclient/temp/install.sh";
+    std::ofstream(script, std::ios::trunc) << "#!/bin/sh\ntouch '" << (device / "scan-started").string()
+                                           << "'\ni=0\nwhile [ ! -e '" << (device / "release").string()
+                                           << "' ] && [ $i -lt 200 ]; do sleep 0.1; i=$((i+1)); done\n";
+}
+
+void Release(const fs::path& device) { std::ofstream(device / "release") << ""; }
+
+TEST_F(ServeTest, SigtermDuringAScanLetsItFinishThenExitsWithZero) {
+    Broker broker(root, Broker::Mode::Plain);
+    ASSERT_TRUE(broker.Start());
+    const fs::path device = NewDevice("device");
+    HoldScans(device);
+    Service service(device, {"--broker", broker.Url()});
+    ASSERT_TRUE(service.WaitForLog("subscribed to")) << service.Log();
+    ASSERT_TRUE(broker.Publish(Topic(device), Request("held-1")));
+    ASSERT_TRUE(Eventually([&] { return fs::exists(device / "scan-started"); }, kWait)) << service.Log();
+
+    service.Signal(SIGTERM);
+    ASSERT_TRUE(service.WaitForLog("SIGTERM: taking no more messages")) << service.Log();
+    ASSERT_TRUE(broker.Publish(Topic(device), Request("too-late")));
+    EXPECT_EQ(service.Wait(500ms), std::nullopt);  // the scan holds it
+    Release(device);
+    EXPECT_EQ(service.Wait(15s), 0) << service.Log();
+    EXPECT_EQ(History(device).size(), 1u);
+    EXPECT_EQ(LastStatus(device), "0");  // uploaded before the broker connection went
+    EXPECT_TRUE(fs::exists(device / "outbox/0001/LD-4F2A9C_held-1.zip"));
+    EXPECT_THAT(service.Log(), HasSubstr("message dropped: the service is stopping"));
+}
+
+TEST_F(ServeTest, ASecondSignalEndsTheServiceAtOnce) {
+    Broker broker(root, Broker::Mode::Plain);
+    ASSERT_TRUE(broker.Start());
+    const fs::path device = NewDevice("device");
+    HoldScans(device);
+    Service service(device, {"--broker", broker.Url()});
+    ASSERT_TRUE(service.WaitForLog("subscribed to")) << service.Log();
+    ASSERT_TRUE(broker.Publish(Topic(device), Request("held-2")));
+    ASSERT_TRUE(Eventually([&] { return fs::exists(device / "scan-started"); }, kWait)) << service.Log();
+
+    service.Signal(SIGTERM);
+    ASSERT_TRUE(service.WaitForLog("taking no more messages")) << service.Log();
+    service.Signal(SIGINT);
+    EXPECT_EQ(service.Wait(3s), 128 + SIGINT) << service.Log();
+    EXPECT_TRUE(History(device).empty());
+    Release(device);  // the script outlives the service otherwise
+}
+
+}  // namespace
