@@ -11,12 +11,14 @@
 #include <thread>
 #include <vector>
 
+#include <signal.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
 
 #include "platform/env/Env.h"
-#include "process/ZepdiagProcess.h"
+#include "support/posix/ChildProcess.h"
 #include "support/TestPlatform.h"
 #include "support/ZipReader.h"
 
@@ -34,6 +36,26 @@ std::optional<Json::Value> ParseJson(const std::string& text) {
     if (!Json::parseFromStream(builder, in, &value, &errors) || !value.isObject()) return std::nullopt;
     return value;
 }
+
+// The real zepdiag, run as a user or a second run would run it.
+class Zepdiag : public ChildProcess {
+public:
+    Zepdiag(std::vector<std::string> args, const fs::path& output) : ChildProcess(Argv(std::move(args)), output) {}
+    int Wait() { return ChildProcess::Wait(60s).value_or(-1); }
+    bool Running() { return !ChildProcess::Wait(0ms).has_value(); }
+    void Kill() {
+        Signal(SIGKILL);
+        ChildProcess::Wait(10s);
+    }
+
+private:
+    static std::vector<std::string> Argv(std::vector<std::string> args) {
+        args.insert(args.begin(), ZEPDIAG_PROGRAM);
+        return args;
+    }
+};
+
+int RunZepdiag(std::vector<std::string> args, const fs::path& output) { return Zepdiag(std::move(args), output).Wait(); }
 
 std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
@@ -110,8 +132,8 @@ protected:
 TEST_F(DeviceRunsTest, TwoRunsAtOnceNeverShareTheirDocuments) {
     constexpr int kTrials = 8;
     for (int trial = 0; trial < kTrials; ++trial) {
-        ZepdiagProcess first({"scan", "--device", device.string()}, platform.rootPath / "first.out");
-        ZepdiagProcess second({"scan", "--device", device.string()}, platform.rootPath / "second.out");
+        Zepdiag first({"scan", "--device", device.string()}, platform.rootPath / "first.out");
+        Zepdiag second({"scan", "--device", device.string()}, platform.rootPath / "second.out");
         ASSERT_EQ(first.Wait(), 0) << ReadText(platform.rootPath / "first.out");
         ASSERT_EQ(second.Wait(), 0) << ReadText(platform.rootPath / "second.out");
     }
@@ -144,7 +166,7 @@ TEST_F(DeviceRunsTest, ASecondRunWaitsForTheFirstOrLeavesAtOnceWithNoWait) {
     EXPECT_EQ(RunZepdiag({"scan", "--no-wait", "--device", device.string()}, output), 3);
     EXPECT_THAT(ReadText(output), ::testing::HasSubstr("is in use by another zepdiag run"));
 
-    ZepdiagProcess waiting({"scan", "--device", device.string()}, output);
+    Zepdiag waiting({"scan", "--device", device.string()}, output);
     std::this_thread::sleep_for(300ms);
     EXPECT_TRUE(waiting.Running());
     EXPECT_FALSE(fs::exists(device / "outbox"));
@@ -167,7 +189,7 @@ TEST_F(DeviceRunsTest, KilledScansLeaveNothingTornAndNothingThatPilesUp) {
     std::size_t completed = 1;
     for (int kill = 1; kill <= kKills; ++kill) {
         SCOPED_TRACE("kill " + std::to_string(kill));
-        ZepdiagProcess scan({"scan", "--device", device.string()}, output);
+        Zepdiag scan({"scan", "--device", device.string()}, output);
         std::this_thread::sleep_for(std::chrono::microseconds(moment(random)));
         if (!scan.Running()) ++completed;  // finished before its moment came
         scan.Kill();

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "ChildProcess.h"
+#include "support/posix/ChildProcess.h"
 
 namespace zep::testing {
 

@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "ChildProcess.h"
+#include "support/posix/ChildProcess.h"
 
 namespace zep::testing {
 namespace {

@@ -19,7 +19,7 @@
 #include <json/json.h>
 
 #include "Broker.h"
-#include "ChildProcess.h"
+#include "support/posix/ChildProcess.h"
 #include "Pki.h"
 #include "UploadServer.h"
 #include "platform/agent/CommonBase.h"
