@@ -3,6 +3,7 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
 #include "platform/device/DeviceFolder.h"
 
@@ -24,7 +25,7 @@ std::shared_ptr<zep::platform::InProcessHub> NewHub() {
 }
 
 zep::platform::Env DeviceFolderEnv(const std::filesystem::path& dir, std::shared_ptr<zep::platform::InProcessHub> hub) {
-    return zep::platform::MakeDeviceFolderEnv(zep::text::DecodeFileName(dir.native()), std::move(hub));
+    return zep::platform::MakeDeviceFolderEnv(zep::path::FromFs(dir), std::move(hub));
 }
 
 Session StartModule(const std::filesystem::path& dir, std::shared_ptr<zep::platform::InProcessHub> hub,

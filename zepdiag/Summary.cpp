@@ -1,7 +1,6 @@
 #include "Summary.h"
 
 #include <algorithm>
-#include <fstream>
 #include <iomanip>
 #include <iterator>
 #include <memory>
@@ -10,7 +9,9 @@
 
 #include <zip.h>
 
+#include "platform/device/DeviceFolder.h"
 #include "platform/util/JsonText.h"
+#include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
 #include "results/HistoryFile.h"
 
@@ -212,12 +213,18 @@ std::string ShortSignature(const std::string& signature) {
     return signature.size() > kShown ? signature.substr(0, kShown) + "\u2026" : signature;
 }
 
+// What zepdiag reads of a device is read as the module reads it: bounded,
+// never through a link, never a FIFO.
+constexpr std::uint64_t kMaxDocumentBytes = 16u * 1024 * 1024;
+constexpr std::uint64_t kMaxSnapshotBytes = 64u * 1024 * 1024;
+
+std::wstring WideOf(const fs::path& path) { return zep::path::FromFs(path); }
+
 }  // namespace
 
 std::optional<Json::Value> ReadJsonFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    std::string text;
+    if (!zep::platform::ReadDeviceFile(WideOf(path), kMaxDocumentBytes, text)) return std::nullopt;
     return zep::json::ParseObject(text);
 }
 
@@ -250,9 +257,7 @@ FileSnapshot SnapshotFile(const fs::path& path) {
     std::error_code code;
     if (!fs::is_regular_file(path, code)) return snapshot;
     snapshot.modified = fs::last_write_time(path, code);
-    std::ifstream in(path, std::ios::binary);
-    if (code || !in) return snapshot;
-    snapshot.content.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    if (code || !zep::platform::ReadDeviceFile(WideOf(path), kMaxSnapshotBytes, snapshot.content)) return snapshot;
     snapshot.exists = true;
     return snapshot;
 }

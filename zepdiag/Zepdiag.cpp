@@ -20,6 +20,7 @@
 #include "Summary.h"
 #include "platform/agent/ZEPNotificationData.h"
 #include "platform/env/Env.h"
+#include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
 #include "plugins/PluginFolders.h"
 #include "serve/Service.h"
@@ -321,7 +322,7 @@ int RunHistory(const fs::path& dir, const Options& options, std::ostream& out, s
 std::unique_ptr<zep::platform::FileLock> LockDeviceFolder(const fs::path& dir, bool wait, std::ostream& err) {
     std::error_code code;
     fs::create_directories(dir, code);
-    const auto folder = zep::platform::DefaultEnv().files->OpenFolder(zep::text::DecodeFileName(dir.native()));
+    const auto folder = zep::platform::DefaultEnv().files->OpenFolder(zep::path::FromFs(dir));
     zep::platform::FsStatus status;
     auto lock = folder ? folder->Lock(zep::text::FromUtf8(kRunLockName), wait, &status) : nullptr;
     if (lock) return lock;

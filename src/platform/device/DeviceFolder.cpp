@@ -102,4 +102,11 @@ Env MakeDeviceFolderEnv(const std::wstring& deviceDir, std::shared_ptr<HubEnv> h
     return env;
 }
 
+bool ReadDeviceFile(const std::wstring& path, std::uint64_t limit, std::string& contents) {
+    const auto env = DefaultEnv();
+    std::wstring name;
+    const auto folder = PathOpener(*env.files, {}).OpenParent(path, name, false);
+    return folder && ReadFileIn(*folder, name, limit, contents);
+}
+
 }  // namespace zep::platform

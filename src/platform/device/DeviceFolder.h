@@ -14,6 +14,7 @@
 // each with a size limit.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -36,5 +37,10 @@ struct DeviceFolderOptions {
 // `hub` as its notification hub.
 DIAGSCANNER_API Env MakeDeviceFolderEnv(const std::wstring& deviceDir, std::shared_ptr<HubEnv> hub,
                                         const DeviceFolderOptions& options = {});
+
+// Reads a regular file of a device folder for a host, the way the module
+// reads its documents: never through a link as its last component, never a
+// FIFO or a device (and never waiting for one), at most `limit` bytes.
+DIAGSCANNER_API bool ReadDeviceFile(const std::wstring& path, std::uint64_t limit, std::string& contents);
 
 }  // namespace zep::platform

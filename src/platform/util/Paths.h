@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#include "DiagnosticScanner/Export.h"
+
 namespace zep::path {
 
 #ifdef _WIN32
@@ -29,7 +31,7 @@ std::wstring ExtendedAbsolute(const std::wstring& path);
 // Wide path <-> std::filesystem::path without loss. On POSIX a file name that
 // is not valid UTF-8 survives the round trip: each undecodable byte is carried
 // as a lone surrogate U+DC80..U+DCFF (the "surrogateescape" convention).
-std::filesystem::path ToFs(const std::wstring& path);
-std::wstring FromFs(const std::filesystem::path& path);
+DIAGSCANNER_API std::filesystem::path ToFs(const std::wstring& path);
+DIAGSCANNER_API std::wstring FromFs(const std::filesystem::path& path);
 
 }  // namespace zep::path
