@@ -164,6 +164,10 @@ TEST_F(ServeTest, ARequestOverMutualTlsIsScannedAndItsArchiveUploadedOverHttps) 
     policy["tls_rootca_thumbprint_list"].append(pki.rootThumbprint);
     policy["tls_leaf_cn_list"].append("LOCALHOST");
     const fs::path device = NewDevice("device", policy);
+    // The service's own connection is the one the health test reports.
+    Json::Value state = ParseJson(ReadFile(device / "device.json"));
+    state["notificationAgent"]["mqttState"] = 0;
+    std::ofstream(device / "device.json") << JsonText(state);
     Service service(device, {"--cert", pki.client.cert.string(), "--key", pki.client.key.string()});
     ASSERT_TRUE(service.WaitForLog("subscribed to " + Topic(device))) << service.Log();
 
@@ -185,6 +189,13 @@ TEST_F(ServeTest, ARequestOverMutualTlsIsScannedAndItsArchiveUploadedOverHttps) 
     EXPECT_EQ(metadata["sizeInBytes"].asUInt64(), upload.fileContent.size());
     EXPECT_EQ(metadata["hash"].asString(), Sha256Hex(upload.fileContent));
     EXPECT_EQ(metadata["context"]["id"].asString(), "req-tls-1");
+    std::string mqttActual = "no mqtt_connection test";
+    for (const Json::Value& component : metadata["context"]["components"]) {
+        for (const Json::Value& test : component["tests"]) {
+            if (test["friendlyName"] == "mqtt_connection") mqttActual = test["actual"].asString();
+        }
+    }
+    EXPECT_EQ(mqttActual, "success");
     EXPECT_EQ(LastStatus(device), "0");
     EXPECT_THAT(service.Log(), HasSubstr("dropped: not an integer: topicId"));
     EXPECT_EQ(service.Stop(), 0) << service.Log();

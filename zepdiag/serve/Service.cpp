@@ -20,6 +20,7 @@
 #include "Module.h"
 #include "platform/util/Strings.h"
 #include "serve/Envelope.h"
+#include "serve/ServeAgents.h"
 #include "serve/HttpsStorage.h"
 #include "serve/MqttClient.h"
 #include "serve/ServeLog.h"
@@ -58,13 +59,14 @@ void DeliverOnline(zep::platform::InProcessHub& hub, const std::atomic<bool>& ta
 }
 
 // The device folder's platform with the service's roads in place of its own:
-// uploads over HTTPS when there is an upload address, and the network as the
-// service sees it.
+// uploads over HTTPS when there is an upload address, and the network and the
+// MQTT connection as the service sees them.
 void UseServiceRoads(zep::platform::Env& env, const ServeSettings& settings, std::shared_ptr<MqttClient> client) {
     if (settings.uploadUrl) {
         env.storage = std::make_shared<HttpsStorage>(*settings.uploadUrl, settings.tls, env.device);
     }
     env.network = std::make_shared<ServeNetwork>([client] { return client->IsConnected(); }, settings.uploads);
+    env.agents = std::make_shared<ServeAgents>([client] { return client->IsConnected(); }, env.agents);
 }
 
 // Polls `fds` for input until `deadline` (none: no limit). The index of the
