@@ -12,6 +12,7 @@ packages=(
   libzip-dev                     # zip archives on Linux (deflate)
   libgtest-dev libgmock-dev      # tests
   libbenchmark-dev               # benchmarks
+  clang libclang-rt-14-dev       # fuzzing: libFuzzer and clang's sanitizer runtimes
 )
 
 missing=()
