@@ -17,6 +17,7 @@ packages=(
   libcpp-httplib-dev openssl     # integration tests: the HTTPS upload server, certificates made per run
   libbenchmark-dev               # benchmarks
   dpkg-dev file                  # the Debian package: dpkg-shlibdeps and dpkg-architecture, file for CPack
+  clang libclang-rt-14-dev       # fuzzing: libFuzzer and clang's sanitizer runtimes
 )
 
 missing=()

@@ -106,6 +106,7 @@ TEST_F(IntakeTest, PayloadsGiveRequestIdAndTargets) {
         {envelope + R"({"requestId":"R2"}}}})", L"r2", {L"zep"}},
         {envelope + R"(["requestId","x"]}}})", L"", {L"zep"}},
         {R"({"zep-message":{"cmd_param":{"requestId":"x","target":["p"]}}})", L"", {L"zep"}},
+        {envelope + R"({"requestId":"\u00c9P-1","target":["\u00dcBER"]}}}})", L"\u00e9p-1", {L"\u00fcber"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.payload);
@@ -119,6 +120,13 @@ TEST_F(IntakeTest, PayloadsGiveRequestIdAndTargets) {
         std::sort(targets.begin(), targets.end());
         EXPECT_EQ(targets, c.targets);
     }
+    // The payload is logged: a line feed in it cannot start a line of its own.
+    ZEPNotificationData forged(3, 0, L"run", L"getDiagnostics",
+                               L"x\n2026-01-01T00:00:00.000Z [e] [00000] FORGED: upload succeeded");
+    DiagnosticsParams params;
+    manager->ParseDiagnosticsParameters(forged, params);
+    for (const auto& line : platform.log->Lines()) EXPECT_EQ(line.find('\n'), line.size() - 1) << line;
+    EXPECT_TRUE(platform.log->Contains("parsing notification payload: x\\x0A2026-01-01T00:00:00.000Z [e]"));
 }
 
 }  // namespace

@@ -220,6 +220,8 @@ TEST_F(DeviceFolderTest, ResolvesRunningInstancesOfAValidPluginFolderOnly) {
     };
     ASSERT_TRUE(resolve(L"DeMo"));  // targets arrive in any letter case
     EXPECT_EQ(id, L"com.q.demo");
+    WriteText(dir / "plugins" / "\xC3\x89tude" / "plugin.json", kDemoManifest);  // "Étude"
+    EXPECT_TRUE(resolve(L"\u00e9TUDE")) << "beyond ASCII too";
     EXPECT_THAT(elevations, ::testing::ElementsAre(Elevated, User));  // listed order; no system instance runs
 
     const char* const invalid[] = {

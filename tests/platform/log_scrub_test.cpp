@@ -118,8 +118,8 @@ TEST(LogScrubTest, ALineLongerThanTheBoundIsDecidedAtTheBound) {
     const std::string lateRedacted = "keep \"[REDACTED_IP]\" " + filler + " VERSION";
     const std::string input = "a=\"10.0.0.1\"\r\n" + early + "\n" + late + "\r\nlast \"10.0.0.5\"";
     for (const std::size_t bound : {std::size_t{64}, LogScrubber::kDefaultMaxLineBytes}) {
-        const std::string expected =
-            "a=\"[REDACTED_IP]\"\r\n" + early + "\n" + (bound == 64 ? lateRedacted : late) + "\r\nlast \"[REDACTED_IP]\"";
+        const std::string expected = "a=\"[REDACTED_IP]\"\r\n" + early + "\n" + (bound == 64 ? lateRedacted : late) +
+                                     "\r\nlast \"[REDACTED_IP]\"";
         for (const std::size_t chunk : {1u, 7u, 4096u}) {
             const int in = ::memfd_create("scrub", MFD_CLOEXEC);
             const int out = ::memfd_create("scrubbed", MFD_CLOEXEC);

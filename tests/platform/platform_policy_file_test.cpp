@@ -68,7 +68,9 @@ TEST(PlatformPolicyTest, FieldsLieInTheRecordsOrderWithTheUrlLast) {
          OffsetIn(record, record.device_subscription_list)},
         {policy.UrlOffset(), OffsetIn(record, record.platform_policy_url)},
     };
-    for (std::size_t i = 0; i < std::size(offsets); ++i) EXPECT_EQ(offsets[i].first, offsets[i].second) << "field " << i;
+    for (std::size_t i = 0; i < std::size(offsets); ++i) {
+        EXPECT_EQ(offsets[i].first, offsets[i].second) << "field " << i;
+    }
 }
 
 }  // namespace

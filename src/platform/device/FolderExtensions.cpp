@@ -47,6 +47,8 @@ std::optional<std::string> ReadManifestText(const fs::path& folder) {
 
 using Plugin = PluginManifest;
 
+bool IsJsonBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
 std::optional<ElevationType> ElevationNamed(const std::string& name) {
     const std::wstring lower = text::Lower(text::FromUtf8(name));
     if (lower == L"elevated") return Elevated;
@@ -89,33 +91,6 @@ std::wstring ElevationArgument(ElevationType elevation) {
         case None: break;
     }
     return L"none";
-}
-
-bool IsJsonBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
-
-// The plug-in's answer: the whole output as one JSON object, or else the
-// last of its lines that is one (progress lines may come before it). Linear
-// in the output: one reader for every line, and only lines that open an
-// object are parsed. When the output was cut, its first line is a fragment.
-bool DeleteFilesOnUpload(std::string_view output, bool cut) {
-    if (cut) {
-        const std::size_t newline = output.find('\n');
-        output = newline == std::string_view::npos ? std::string_view() : output.substr(newline + 1);
-    }
-    zep::json::Parser parser(StrictObject());
-    std::optional<Json::Value> answer = parser.ParseObject(output);
-    for (std::size_t end = output.size(); !answer && end > 0;) {
-        const std::size_t newline = end >= 2 ? output.rfind('\n', end - 2) : std::string_view::npos;
-        const std::size_t begin = newline == std::string_view::npos ? 0 : newline + 1;
-        const std::string_view line = output.substr(begin, end - begin);
-        std::size_t first = 0;
-        while (first < line.size() && IsJsonBlank(line[first])) ++first;
-        if (first < line.size() && line[first] == '{') answer = parser.ParseObject(line);
-        end = begin;
-    }
-    if (!answer) return false;
-    const Json::Value& value = (*answer)["deleteFilesOnUpload"];
-    return value.isBool() && value.asBool();
 }
 
 class FolderExtensions : public ExtensionEnv {
@@ -166,7 +141,7 @@ public:
             }
             answer.delivered = true;
             answer.isSuccess = result.exitCode == 0;
-            answer.deleteFilesOnUpload = DeleteFilesOnUpload(result.output, result.outputTruncated);
+            answer.deleteFilesOnUpload = PluginAnswerDeletesFiles(result.output, result.outputTruncated);
         } catch (...) {
             // Out of memory for the output: the command counts as undelivered.
             return DiagnosticsOperationResult{};
@@ -209,6 +184,29 @@ private:
 };
 
 }  // namespace
+
+// Linear in the output: one reader for every line, and only lines that open
+// an object are parsed.
+bool PluginAnswerDeletesFiles(std::string_view output, bool cut) {
+    if (cut) {
+        const std::size_t newline = output.find('\n');
+        output = newline == std::string_view::npos ? std::string_view() : output.substr(newline + 1);
+    }
+    zep::json::Parser parser(StrictObject());
+    std::optional<Json::Value> answer = parser.ParseObject(output);
+    for (std::size_t end = output.size(); !answer && end > 0;) {
+        const std::size_t newline = end >= 2 ? output.rfind('\n', end - 2) : std::string_view::npos;
+        const std::size_t begin = newline == std::string_view::npos ? 0 : newline + 1;
+        const std::string_view line = output.substr(begin, end - begin);
+        std::size_t first = 0;
+        while (first < line.size() && IsJsonBlank(line[first])) ++first;
+        if (first < line.size() && line[first] == '{') answer = parser.ParseObject(line);
+        end = begin;
+    }
+    if (!answer) return false;
+    const Json::Value& value = (*answer)["deleteFilesOnUpload"];
+    return value.isBool() && value.asBool();
+}
 
 std::optional<PluginManifest> ParsePluginManifest(std::string_view text, const fs::path& folder) {
     const std::optional<Json::Value> manifest = zep::json::ParseObject(text, StrictObject());

@@ -36,6 +36,12 @@ struct PluginManifest {
 // plugin.json; nullopt when it is not one.
 std::optional<PluginManifest> ParsePluginManifest(std::string_view text, const std::filesystem::path& folder);
 
+// Whether a plug-in's standard output asks for its files to be deleted once
+// uploaded: the whole output as one JSON object, or else the last of its lines
+// that is one (progress lines may come before it). When the output was `cut`
+// to its end, its first line is a fragment and is not read.
+bool PluginAnswerDeletesFiles(std::string_view output, bool cut);
+
 // `timeout` is asked before each command, so that a change of the device's
 // settings applies to the next one; zero or less means the built-in 120 s.
 std::shared_ptr<ExtensionEnv> MakeFolderExtensions(std::filesystem::path pluginsDir,
