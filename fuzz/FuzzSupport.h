@@ -12,8 +12,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/Log.h"
-#include "platform/LogEnv.h"
+#include "platform/agent/Log.h"
+#include "platform/env/LogEnv.h"
 
 namespace zep::fuzz {
 

@@ -8,7 +8,7 @@
 #include <utf8cpp/utf8.h>
 
 #include "FuzzSupport.h"
-#include "platform/JsonText.h"
+#include "platform/util/JsonText.h"
 #include "results/ProblemSignature.h"
 #include "results/ResultFormat.h"
 

@@ -5,7 +5,7 @@
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "FuzzSupport.h"
-#include "platform/Strings.h"
+#include "platform/util/Strings.h"
 #include "results/HistoryFile.h"
 #include "results/ProblemSignature.h"
 

@@ -5,8 +5,8 @@
 #include "FuzzSupport.h"
 #include "artifacts/ZipNames.h"
 #include "manager/ScanName.h"
-#include "platform/Strings.h"
-#include "platform/ZEPNotificationData.h"
+#include "platform/util/Strings.h"
+#include "platform/agent/ZEPNotificationData.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static DiagnosticsManager* const manager = [] {

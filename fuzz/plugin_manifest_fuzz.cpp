@@ -3,7 +3,7 @@
 #include <algorithm>
 
 #include "FuzzSupport.h"
-#include "platform/posix/FolderExtensions.h"
+#include "platform/device/FolderExtensions.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::filesystem::path folder = "/device/plugins/demo";

@@ -10,9 +10,9 @@
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "FuzzSupport.h"
-#include "platform/JsonText.h"
-#include "platform/Paths.h"
-#include "platform/posix/FolderExtensions.h"
+#include "platform/util/JsonText.h"
+#include "platform/util/Paths.h"
+#include "platform/device/FolderExtensions.h"
 #include "support/PluginProcessorPeer.h"
 
 namespace {

@@ -3,7 +3,7 @@
 // rest as UTF-16LE code units). Whatever is loaded exports as text that loads
 // back to the same registry.
 #include "FuzzSupport.h"
-#include "platform/MemoryRegistry.h"
+#include "platform/util/MemoryRegistry.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace zep::platform;

@@ -8,9 +8,9 @@
 
 #include "DiagnosticScanner/PlatformPolicy.h"
 #include "FuzzSupport.h"
-#include "platform/AgentPolicies.h"
-#include "platform/CommonBase.h"
-#include "platform/Jwt.h"
+#include "platform/agent/AgentPolicies.h"
+#include "platform/agent/CommonBase.h"
+#include "platform/util/Jwt.h"
 
 namespace {
 

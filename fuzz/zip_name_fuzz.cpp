@@ -4,7 +4,7 @@
 #include "FuzzSupport.h"
 #include "artifacts/ZipNames.h"
 #include "manager/ScanName.h"
-#include "platform/Strings.h"
+#include "platform/util/Strings.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace zep::artifacts;

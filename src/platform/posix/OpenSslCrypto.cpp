@@ -164,7 +164,7 @@ std::string Hex(const unsigned char* bytes, unsigned int length) {
 
 struct Sha256::State {
     struct Free {
-        void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
+        void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
     };
     std::unique_ptr<EVP_MD_CTX, Free> ctx{EVP_MD_CTX_new()};
     bool ok = ctx && EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) == 1;
