@@ -8,11 +8,13 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "platform/device/DeviceState.h"
 #include "platform/util/MemoryRegistry.h"
 #include "platform/util/Strings.h"
 #include "support/TestPlatform.h"
@@ -90,6 +92,31 @@ TEST_F(DeviceFolderTest, MissingOrMalformedDeviceJsonGivesAnAbsentDevice) {
         Replace(file, text);
         ExpectAbsentDevice();
     }
+}
+
+// Every document of the folder goes through one reader: a FIFO in a
+// document's place is refused at once (it would otherwise hang every scan for
+// good), and one larger than its limit is not read at all.
+TEST_F(DeviceFolderTest, FifosAndOversizedDocumentsReadAsAbsent) {
+    WriteText(dir / "platform-policy.json", R"({"api_baseuri": "https://a"})");
+    ASSERT_EQ(env.policy->GetPlatformPolicy().api_baseuri(), L"https://a");
+    for (const char* name : {"platform-policy.json", "update-policy.json", "registry.reg", "upload-results"}) {
+        fs::remove(dir / name);
+        ASSERT_EQ(::mkfifo((dir / name).c_str(), 0600), 0) << name;
+    }
+    {
+        std::ofstream blanks(file);
+        blanks << "{\"deviceId\": \"X\"}";
+        blanks.seekp(static_cast<std::streamoff>(kMaxDeviceFileBytes));  // a sparse file just past the limit
+        blanks << ' ';
+    }
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(env.policy->GetPlatformPolicy().api_baseuri(), L"");
+    EXPECT_TRUE(env.policy->GetUpdatePolicy().packages.empty());
+    DWORD value = 0;
+    EXPECT_FALSE(env.registry->GetDword(Hive::LocalMachine, L"SOFTWARE\\Quorin\\ZEP", L"X", value));
+    ExpectAbsentDevice();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 }
 
 TEST_F(DeviceFolderTest, DeviceJsonChangesArePickedUp) {
