@@ -262,6 +262,22 @@ FileSnapshot SnapshotFile(const fs::path& path) {
     return snapshot;
 }
 
+FileSnapshot SnapshotHistory(const fs::path& path) {
+    FileSnapshot snapshot;
+    std::error_code code;
+    if (!fs::is_regular_file(path, code)) return snapshot;
+    snapshot.modified = fs::last_write_time(path, code);
+    const std::uintmax_t size = fs::file_size(path, code);
+    std::ifstream in(path, std::ios::binary);
+    if (code || !in) return snapshot;
+    if (size > zep::results::kHistoryReadBytes) {
+        in.seekg(static_cast<std::streamoff>(size - zep::results::kHistoryReadBytes));
+    }
+    snapshot.content.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    snapshot.exists = true;
+    return snapshot;
+}
+
 bool WrittenSince(const FileSnapshot& before, const FileSnapshot& now) {
     if (!now.exists) return false;
     // The time alone can miss a rewrite within the file system's clock
@@ -414,7 +430,7 @@ ActivitySnapshot SnapshotActivity(const fs::path& deviceDir) {
         snapshot.outboxEntries.insert(it->path().filename().string());
     }
     snapshot.failedLog = SnapshotFile(OutboxPath(deviceDir) / "failed.log");
-    snapshot.history = SnapshotFile(ScanHistoryPath(deviceDir));
+    snapshot.history = SnapshotHistory(ScanHistoryPath(deviceDir));
     snapshot.events = SnapshotFile(EventsLogPath(deviceDir));
     return snapshot;
 }
@@ -461,7 +477,7 @@ RunActivity ActivitySince(const fs::path& deviceDir, const ActivitySnapshot& bef
     for (const auto& name : added) activity.uploads.push_back(ReadOutboxFolder(OutboxPath(deviceDir) / name));
 
     activity.failedUploads = LinesAddedSince(before.failedLog, SnapshotFile(OutboxPath(deviceDir) / "failed.log"));
-    const FileSnapshot history = SnapshotFile(ScanHistoryPath(deviceDir));
+    const FileSnapshot history = SnapshotHistory(ScanHistoryPath(deviceDir));
     if (WrittenSince(before.history, history)) {
         const std::vector<std::string> lines = SplitLines(history.content);
         if (!lines.empty()) activity.historyLine = lines.back();
@@ -677,7 +693,7 @@ std::string FormatPluginInstance(const PluginInstance& instance, const std::stri
     std::string text = Field("Instance", instance.elevation);
     if (instance.folder.empty()) return text + Field("Folder", "none (the module resolved none, see its log)");
     text += Field("Folder", instance.folder.string());
-    const FileSnapshot history = SnapshotFile(PluginHistoryPath(instance.folder));
+    const FileSnapshot history = SnapshotHistory(PluginHistoryPath(instance.folder));
     // Every request the module makes ends with a history line, whatever the
     // plug-in answered; without one, what is in the folder is older.
     if (!WrittenSince(instance.history, history)) {
@@ -702,7 +718,7 @@ std::string FormatPluginTarget(const fs::path& deviceDir, const PluginTarget& ta
 }
 
 std::string FormatPluginHistoryChange(const fs::path& diagFolder, const FileSnapshot& before) {
-    const FileSnapshot now = SnapshotFile(PluginHistoryPath(diagFolder));
+    const FileSnapshot now = SnapshotHistory(PluginHistoryPath(diagFolder));
     if (!WrittenSince(before, now)) return "";
     return Field("Plug-in folder", diagFolder.string()) +
            FormatHistoryLine("History before", LastLineOf(before), "none") +

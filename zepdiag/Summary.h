@@ -24,6 +24,8 @@ struct FileSnapshot {
 using ResultSnapshot = FileSnapshot;
 
 FileSnapshot SnapshotFile(const std::filesystem::path& path);
+// A history file's snapshot: only its tail, what the module itself reads.
+FileSnapshot SnapshotHistory(const std::filesystem::path& path);
 // True when the file exists now and differs from `before` in time or content.
 bool WrittenSince(const FileSnapshot& before, const FileSnapshot& now);
 // The lines added to an append-only file since `before`; all of its lines

@@ -161,7 +161,7 @@ std::vector<PluginTarget> ResolvePluginTargets(const std::string& payload) {
             for (const auto elevation : elevations) {
                 const std::wstring folder = zep::plugins::PluginFolders::DiagFolder(elevation, pluginId);
                 PluginInstance instance{ElevationName(elevation), folder.empty() ? fs::path() : FolderPath(folder), {}};
-                if (!instance.folder.empty()) instance.history = SnapshotFile(PluginHistoryPath(instance.folder));
+                if (!instance.folder.empty()) instance.history = SnapshotHistory(PluginHistoryPath(instance.folder));
                 target.instances.push_back(std::move(instance));
             }
         }
@@ -257,7 +257,7 @@ int RunOnline(const Session& session, const Options& options, std::ostream& out)
     const std::optional<std::string> lastBefore = LastHistoryLine(session.dir);
     std::vector<std::pair<fs::path, FileSnapshot>> pluginHistories;
     for (const auto& folder : PluginDiagFolders()) {
-        pluginHistories.emplace_back(folder, SnapshotFile(PluginHistoryPath(folder)));
+        pluginHistories.emplace_back(folder, SnapshotHistory(PluginHistoryPath(folder)));
     }
     Deliver(session, DeviceOnlineNotification());
     const RunActivity done = ActivitySince(session.dir, activity);

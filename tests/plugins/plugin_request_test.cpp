@@ -9,6 +9,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <type_traits>
 #include <tuple>
 
 #include <gtest/gtest.h>
@@ -377,6 +378,32 @@ TEST_F(PluginRequestTest, TheWindowsZipRunsThisLineAndNeedsAGoodRunAndANewZip) {
                       L"ForEach-Object { $_.FullName }) -DestinationPath '" + FromFs(ZipFile()) + L"' -Force\"");
         EXPECT_EQ(platform.processes->lastHostContext, &hostContext);
     }
+}
+
+// The exported class offers its two entry points and nothing else: the rest
+// is the module's own and may change with it.
+#define ZEP_PUBLIC_MEMBER_TRAIT(name)                                                                      \
+    template <typename T, typename = void>                                                                 \
+    struct Public##name : std::false_type {};                                                              \
+    template <typename T>                                                                                  \
+    struct Public##name<T, std::void_t<decltype(&T::name)>> : std::true_type {};
+ZEP_PUBLIC_MEMBER_TRAIT(GeneratePluginDiagnosticsForMqttTarget)
+ZEP_PUBLIC_MEMBER_TRAIT(ProcessDeferredPluginUploads)
+ZEP_PUBLIC_MEMBER_TRAIT(ResolvePluginDiagFolder)
+ZEP_PUBLIC_MEMBER_TRAIT(CreatePluginZip)
+ZEP_PUBLIC_MEMBER_TRAIT(UploadPluginDiagnosticsResult)
+ZEP_PUBLIC_MEMBER_TRAIT(WritePluginScanHistoryEntry)
+ZEP_PUBLIC_MEMBER_TRAIT(ProcessDeferredPluginUpload)
+#undef ZEP_PUBLIC_MEMBER_TRAIT
+
+TEST(PluginDiagnosticsProcessorTest, ExposesOnlyItsTwoEntryPoints) {
+    EXPECT_TRUE(PublicGeneratePluginDiagnosticsForMqttTarget<PluginDiagnosticsProcessor>::value);
+    EXPECT_TRUE(PublicProcessDeferredPluginUploads<PluginDiagnosticsProcessor>::value);
+    EXPECT_FALSE(PublicResolvePluginDiagFolder<PluginDiagnosticsProcessor>::value);
+    EXPECT_FALSE(PublicCreatePluginZip<PluginDiagnosticsProcessor>::value);
+    EXPECT_FALSE(PublicUploadPluginDiagnosticsResult<PluginDiagnosticsProcessor>::value);
+    EXPECT_FALSE(PublicWritePluginScanHistoryEntry<PluginDiagnosticsProcessor>::value);
+    EXPECT_FALSE(PublicProcessDeferredPluginUpload<PluginDiagnosticsProcessor>::value);
 }
 
 }  // namespace
