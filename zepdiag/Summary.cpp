@@ -267,13 +267,9 @@ FileSnapshot SnapshotHistory(const fs::path& path) {
     std::error_code code;
     if (!fs::is_regular_file(path, code)) return snapshot;
     snapshot.modified = fs::last_write_time(path, code);
-    const std::uintmax_t size = fs::file_size(path, code);
-    std::ifstream in(path, std::ios::binary);
-    if (code || !in) return snapshot;
-    if (size > zep::results::kHistoryReadBytes) {
-        in.seekg(static_cast<std::streamoff>(size - zep::results::kHistoryReadBytes));
+    if (code || !zep::platform::ReadDeviceFileTail(WideOf(path), zep::results::kHistoryReadBytes, snapshot.content)) {
+        return snapshot;
     }
-    snapshot.content.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
     snapshot.exists = true;
     return snapshot;
 }

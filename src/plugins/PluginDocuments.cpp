@@ -16,6 +16,7 @@
 #include "platform/util/ExceptionText.h"
 #include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
+#include "plugins/PluginFolders.h"
 #include "results/HistoryFile.h"
 #include "results/ProblemSignature.h"
 
@@ -45,12 +46,6 @@ std::wstring ScanResultPath(const std::wstring& diagFolder) {
 
 std::wstring HistoryPath(const std::wstring& diagFolder) {
     return diagFolder + zep::path::NativePath(L"\\scan-history.log");
-}
-
-// The name CreatePluginZip gives the archive.
-std::wstring ZipPath(const std::wstring& diagFolder, const std::wstring& pluginId) {
-    return diagFolder + zep::path::NativePath(L"\\latest\\") + CoreUtility::GetInstance()->GetDeviceID() + L"_" +
-           pluginId + L".zip";
 }
 
 // False when the file cannot be read or is not JSON; `document` is then unchanged.
@@ -148,7 +143,7 @@ void PluginDiagnosticsProcessor::GeneratePluginScanResultJson(DiagnosticsManager
         components.append(component);
         // Present only once the archive exists, so that the upload's metadata
         // (which embeds this document) reports what is sent.
-        const std::wstring zipPath = ZipPath(diagFolder, pluginId);
+        const std::wstring zipPath = zep::plugins::PluginFolders::ZipPath(diagFolder, pluginId);
         if (FileSystem::fileExists(zipPath)) {
             document["artifactSize"] = Json::Value(static_cast<Json::UInt64>(FileSystem::fileSize(zipPath)));
         }

@@ -15,6 +15,10 @@ public:
     static std::wstring DiagFolder(zep::platform::ElevationType elevation, const std::wstring& pluginId);
     // The logged-in user's Local AppData folder; false when there is none.
     static bool LoggedInUserLocalAppData(std::wstring& out);
+    // The plug-in zip of `diagFolder`: latest\<device id>_<plug-in id>.zip,
+    // the name sanitised as the agent's own zip name is (the device id comes
+    // from outside and must not lead the archive out of latest\).
+    static std::wstring ZipPath(const std::wstring& diagFolder, const std::wstring& pluginId);
 };
 
 }  // namespace zep::plugins

@@ -15,6 +15,7 @@
 #include "artifacts/PowerShellCollection.h"
 #include "platform/util/JsonText.h"
 #include "artifacts/Debris.h"
+#include "plugins/PluginFolders.h"
 #include "platform/agent/CommonBase.h"
 #include "platform/util/ExceptionText.h"
 #include "platform/agent/FileStorageAgent.h"
@@ -90,7 +91,7 @@ bool PluginDiagnosticsProcessor::CreatePluginZip(DiagnosticsManager& manager, co
         }
         // A request killed half-way may have left a partial archive here.
         zep::artifacts::RemoveUnfinishedWrites(latest);
-        zipPath = latest + NativePath(L"\\") + CoreUtility::GetInstance()->GetDeviceID() + L"_" + pluginId + L".zip";
+        zipPath = zep::plugins::PluginFolders::ZipPath(diagFolder, pluginId);
         // A zip of an earlier request must not pass for this one's.
         if (FileSystem::fileExists(zipPath) && !FileSystem::deleteDirectoryOrFile(zipPath, false)) {
             g_log.d(L"%s: could not delete the earlier zip %s", kZipLabel, zipPath);

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/Strings.h"
+#include "platform/util/Strings.h"
 
 namespace zep::manager {
 namespace {

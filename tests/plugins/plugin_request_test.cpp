@@ -292,6 +292,21 @@ TEST_F(PluginRequestTest, ALinkInTheUsersPluginFolderLeadsTheAgentNowhere) {
     EXPECT_TRUE(platform.log->Contains("zip creation failed for plugin=com.quorin.pluginx elev=:User"));
 }
 
+// The device id names the plug-in's zip but comes from outside: whatever it
+// holds, the zip stays in latest/ and the upload finds it.
+TEST_F(PluginRequestTest, ADeviceIdWithSeparatorsKeepsTheZipInLatest) {
+    platform.device->deviceId = L"../../up/evil:id";
+    Request();
+    const auto uploads = platform.storage->Uploads();
+    ASSERT_EQ(uploads.size(), 1u);
+    const fs::path zip = uploads[0].filePath;
+    EXPECT_EQ(zip.parent_path(), ElevatedFolder() / "latest");
+    EXPECT_TRUE(fs::is_regular_file(zip));
+    EXPECT_FALSE(fs::exists(platform.rootPath / "programdata" / "plugin-data" / "up"));
+    const Json::Value scan = Parse(ReadText(ElevatedFolder() / "latest" / "scan-result.json"));
+    EXPECT_EQ(scan["artifactSize"].asUInt64(), fs::file_size(zip));
+}
+
 TEST_F(PluginRequestTest, AUserInstanceWithNobodyLoggedInIsSkippedAndTheNextElevationStillRuns) {
     platform.extensions->plugins[L"pluginx"].elevations = {ElevationType::User, ElevationType::Elevated};
 

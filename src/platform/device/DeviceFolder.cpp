@@ -102,11 +102,23 @@ Env MakeDeviceFolderEnv(const std::wstring& deviceDir, std::shared_ptr<HubEnv> h
     return env;
 }
 
-bool ReadDeviceFile(const std::wstring& path, std::uint64_t limit, std::string& contents) {
+namespace {
+std::unique_ptr<InputFile> OpenDeviceFile(const std::wstring& path) {
     const auto env = DefaultEnv();
     std::wstring name;
     const auto folder = PathOpener(*env.files, {}).OpenParent(path, name, false);
-    return folder && ReadFileIn(*folder, name, limit, contents);
+    return folder ? folder->OpenFile(name) : nullptr;
+}
+}  // namespace
+
+bool ReadDeviceFile(const std::wstring& path, std::uint64_t limit, std::string& contents) {
+    const auto file = OpenDeviceFile(path);
+    return file && ReadAll(*file, limit, contents);
+}
+
+bool ReadDeviceFileTail(const std::wstring& path, std::uint64_t maxBytes, std::string& contents) {
+    const auto file = OpenDeviceFile(path);
+    return file && ReadTail(*file, maxBytes, contents);
 }
 
 }  // namespace zep::platform

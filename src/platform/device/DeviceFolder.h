@@ -42,5 +42,7 @@ DIAGSCANNER_API Env MakeDeviceFolderEnv(const std::wstring& deviceDir, std::shar
 // reads its documents: never through a link as its last component, never a
 // FIFO or a device (and never waiting for one), at most `limit` bytes.
 DIAGSCANNER_API bool ReadDeviceFile(const std::wstring& path, std::uint64_t limit, std::string& contents);
+// The same for the end of a file: at most `maxBytes`, from a line start on.
+DIAGSCANNER_API bool ReadDeviceFileTail(const std::wstring& path, std::uint64_t maxBytes, std::string& contents);
 
 }  // namespace zep::platform
