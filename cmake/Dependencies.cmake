@@ -1,15 +1,22 @@
-# Every dependency comes from the distribution's packages (see scripts/bootstrap.sh).
+# Every dependency comes from the distribution's packages (see scripts/bootstrap.sh;
+# for the Windows cross build, scripts/bootstrap-windows.sh).
 find_package(jsoncpp CONFIG REQUIRED)   # every JSON document
-find_package(OpenSSL REQUIRED)          # SHA-256 digests, JWT signatures; zepdiag serve's TLS
 find_package(fmt CONFIG REQUIRED)       # type-safe printf-style log formatting
 find_package(utf8cpp CONFIG REQUIRED)   # UTF-8 <-> wide conversions
 find_package(Threads REQUIRED)
-if(NOT WIN32)
-  # Native zip archives (deflate). Through pkg-config: Debian's CMake package
-  # of libzip insists on command-line tools that are packaged separately.
-  find_package(PkgConfig REQUIRED)
-  pkg_check_modules(LIBZIP REQUIRED IMPORTED_TARGET libzip)
-  set(ZEP_BACKEND_LIBS PkgConfig::LIBZIP)
+# Zip archives (deflate). Through pkg-config: Debian's CMake package of libzip
+# insists on command-line tools that are packaged separately.
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(LIBZIP REQUIRED IMPORTED_TARGET libzip)
+
+if(WIN32)
+  # SHA-256 and signature checks with Windows' own CNG (bcrypt, crypt32):
+  # no OpenSSL is built or shipped there. The rest are the Win32 backend's
+  # system libraries (registry and tokens, the console session's user).
+  set(ZEP_SYSTEM_LIBS bcrypt crypt32 advapi32 wtsapi32)
+else()
+  find_package(OpenSSL REQUIRED)        # SHA-256 digests, JWT signatures; zepdiag serve's TLS
+  set(ZEP_SYSTEM_LIBS OpenSSL::Crypto)
   # zepdiag serve only, never the module: MQTT and HTTPS uploads.
   pkg_check_modules(MOSQUITTO REQUIRED IMPORTED_TARGET libmosquitto)
   find_package(CURL REQUIRED)
@@ -23,5 +30,6 @@ else()
   set(ZEP_JSONCPP jsoncpp_static)
 endif()
 
+set(ZEP_ZIP_LIBS PkgConfig::LIBZIP)
 # What the module links, on every system.
-set(ZEP_MODULE_LIBS ${ZEP_JSONCPP} fmt::fmt utf8::cpp OpenSSL::Crypto Threads::Threads ${ZEP_BACKEND_LIBS})
+set(ZEP_MODULE_LIBS ${ZEP_JSONCPP} fmt::fmt utf8::cpp Threads::Threads ${ZEP_ZIP_LIBS} ${ZEP_SYSTEM_LIBS})

@@ -5,14 +5,13 @@
 // interface compiles on its own.
 #pragma once
 
-#ifdef _WIN32
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
-#else
 #include <cstdint>
 
+// windows.h's own type (32 bits on Windows, where long is), declared without
+// windows.h so that its macros reach no file of ours that does not ask.
+#ifdef _WIN32
+using DWORD = unsigned long;
+#else
 using DWORD = std::uint32_t;
 #endif
 

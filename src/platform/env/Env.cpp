@@ -10,9 +10,13 @@ std::mutex& EnvMutex() {
     return mutex;
 }
 
+// Never destroyed. In a DLL, static objects are destroyed after Windows has
+// ended the process's other threads, and parts of an Env (a hub) join a
+// thread of their own when they go: that join would wait for ever, and the
+// process would never exit.
 std::shared_ptr<const Env>& Installed() {
-    static std::shared_ptr<const Env> env;
-    return env;
+    static auto* env = new std::shared_ptr<const Env>();
+    return *env;
 }
 
 template <typename T>
