@@ -38,31 +38,6 @@ bool IsDead(pid_t pid) {
     return state == 'Z' || state == 'X';
 }
 
-TEST(SplitWindowsCommandLine, FollowsCommandLineToArgvRules) {
-    const struct {
-        const wchar_t* line;
-        std::vector<std::wstring> expected;
-    } cases[] = {
-        {L" \t ", {}},
-        {L"prog  a\t\tb  ", {L"prog", L"a", L"b"}},
-        // The program name: quotes only group, backslashes are literal.
-        {LR"("C:\Program Files\x.exe" a)", {LR"(C:\Program Files\x.exe)", L"a"}},
-        {LR"("C:\dir\" a)", {LR"(C:\dir\)", L"a"}},
-        {LR"("a"b c)", {L"a", L"b", L"c"}},
-        // Backslashes are literal unless they precede a quote.
-        {LR"(p a\b\\c\)", {L"p", LR"(a\b\\c\)"}},
-        {LR"(p a\\"b c")", {L"p", LR"(a\b c)"}},
-        {LR"(p a\\\"b)", {L"p", LR"(a\"b)"}},
-        {LR"(p "a""b")", {L"p", L"a\"b"}},
-        {LR"(p "" x "")", {L"p", L"", L"x", L""}},
-        {LR"(p "a b)", {L"p", L"a b"}},
-        {LR"(p -outDir "C:\out\" -x)", {L"p", L"-outDir", LR"(C:\out" -x)"}},  // the backslash escapes the quote
-    };
-    for (const auto& c : cases) {
-        EXPECT_THAT(SplitWindowsCommandLine(c.line), ::testing::ElementsAreArray(c.expected)) << text::ToUtf8(c.line);
-    }
-}
-
 TEST(PosixProcessSpawn, ReportsStartAndExitStatusWithoutThrowing) {
     PosixProcess process;
     const struct {

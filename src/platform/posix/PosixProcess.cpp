@@ -22,6 +22,7 @@
 #include <vector>
 
 #include "platform/util/Strings.h"
+#include "platform/util/WindowsCommandLine.h"
 
 extern char** environ;
 
@@ -389,83 +390,6 @@ int PosixProcess::LaunchCommandLine(const std::wstring& commandLine, const std::
         return 1;
     } catch (...) {
         return 0;
-    }
-}
-
-std::vector<std::wstring> SplitWindowsCommandLine(const std::wstring& commandLine) {
-    try {
-        std::vector<std::wstring> args;
-        const auto isBlank = [](wchar_t c) { return c == L' ' || c == L'\t'; };
-        const std::size_t size = commandLine.size();
-        std::size_t i = 0;
-        // Leading blanks would make an empty program name, which cannot run.
-        while (i < size && isBlank(commandLine[i])) ++i;
-        if (i == size) return args;
-
-        // The program name knows no escapes: a path ends in backslashes.
-        if (commandLine[i] == L'"') {
-            ++i;
-            std::size_t close = commandLine.find(L'"', i);
-            if (close == std::wstring::npos) close = size;
-            args.emplace_back(commandLine, i, close - i);
-            i = std::min(close + 1, size);
-        } else {
-            std::size_t end = i;
-            while (end < size && !isBlank(commandLine[end])) ++end;
-            args.emplace_back(commandLine, i, end - i);
-            i = end;
-        }
-
-        std::wstring current;
-        bool inQuotes = false;
-        bool pending = false;  // an argument has begun (it may still be empty: "")
-        while (i < size) {
-            const wchar_t c = commandLine[i];
-            if (isBlank(c) && !inQuotes) {
-                if (pending) {
-                    args.push_back(std::move(current));
-                    current.clear();
-                    pending = false;
-                }
-                ++i;
-                continue;
-            }
-            pending = true;
-            if (c == L'\\') {
-                std::size_t run = 0;
-                while (i < size && commandLine[i] == L'\\') {
-                    ++run;
-                    ++i;
-                }
-                if (i < size && commandLine[i] == L'"') {
-                    current.append(run / 2, L'\\');
-                    if (run % 2 == 1) {
-                        current.push_back(L'"');
-                        ++i;
-                    }
-                    // After an even run the quote is an ordinary quote.
-                } else {
-                    current.append(run, L'\\');
-                }
-                continue;
-            }
-            if (c == L'"') {
-                if (inQuotes && i + 1 < size && commandLine[i + 1] == L'"') {
-                    current.push_back(L'"');
-                    i += 2;
-                } else {
-                    inQuotes = !inQuotes;
-                    ++i;
-                }
-                continue;
-            }
-            current.push_back(c);
-            ++i;
-        }
-        if (pending) args.push_back(std::move(current));
-        return args;
-    } catch (...) {
-        return {};
     }
 }
 

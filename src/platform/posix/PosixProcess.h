@@ -2,7 +2,6 @@
 #pragma once
 
 #include <string>
-#include <vector>
 
 #include "platform/env/ProcessEnv.h"
 
@@ -17,10 +16,5 @@ public:
                           void* hostContext, std::chrono::milliseconds ceiling) override;
     ProcessResult Spawn(const ProcessRequest& request) override;
 };
-
-// Splits a Windows command line the way CommandLineToArgvW does (the program
-// name up to the next blank or between double quotes; then backslashes and
-// double quotes by the 2n / 2n+1 rule).
-std::vector<std::wstring> SplitWindowsCommandLine(const std::wstring& commandLine);
 
 }  // namespace zep::platform
