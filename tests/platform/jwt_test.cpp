@@ -1,114 +1,146 @@
+// Provisioning tokens against fixed vectors, so that the same cases check
+// the system's own cryptography on every system (OpenSSL, CNG).
 #include <chrono>
-#include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <gtest/gtest.h>
-#include <openssl/ec.h>
-#include <openssl/evp.h>
-#include <openssl/hmac.h>
 
 #include "platform/agent/CommonBase.h"
+#include "platform/util/Jwt.h"
 #include "platform/util/Strings.h"
 #include "support/TestPlatform.h"
-#include "support/TokenSigner.h"
+#include "support/TokenVectors.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using zep::testing::Base64Url;
-using zep::testing::PublicKeyPem;
-using zep::testing::TrustedKey;
-using zep::testing::UnknownKey;
+namespace vectors = zep::testing::vectors;
+using zep::jwt::Algorithm;
 
-auto* Bytes(std::string& s) { return reinterpret_cast<unsigned char*>(s.data()); }
-
-EVP_PKEY* EcKey() {
-    static const std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)> key(
-        EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"), &EVP_PKEY_free);
-    return key.get();
+std::string Base64Url(std::string_view bytes) {
+    static constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+    std::string text;
+    unsigned bits = 0;
+    int pending = 0;
+    for (const char c : bytes) {
+        bits = (bits << 8) | static_cast<unsigned char>(c);
+        pending += 8;
+        while (pending >= 6) text.push_back(kAlphabet[(bits >> (pending -= 6)) & 0x3F]);
+    }
+    if (pending > 0) text.push_back(kAlphabet[(bits << (6 - pending)) & 0x3F]);
+    return text;
 }
 
-// RS256 for an RSA key; ES256 for an EC key, as raw r||s rather than OpenSSL's DER.
-std::string Token(EVP_PKEY* key, const std::string& payload = R"({"sub":"device-7f3a"})", std::string header = "") {
-    const bool ec = EVP_PKEY_base_id(key) == EVP_PKEY_EC;
-    if (header.empty()) header = ec ? R"({"alg":"ES256"})" : R"({"alg":"RS256"})";
-    std::string input = Base64Url(header) + "." + Base64Url(payload);
-    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> ctx(EVP_MD_CTX_new(), &EVP_MD_CTX_free);
-    std::size_t length = 0;
-    EVP_DigestSignInit(ctx.get(), nullptr, EVP_sha256(), nullptr, key);
-    EVP_DigestSign(ctx.get(), nullptr, &length, Bytes(input), input.size());
-    std::string signature(length, '\0');
-    EVP_DigestSign(ctx.get(), Bytes(signature), &length, Bytes(input), input.size());
-    if (ec) {
-        const unsigned char* der = Bytes(signature);
-        ECDSA_SIG* sig = d2i_ECDSA_SIG(nullptr, &der, static_cast<long>(length));
-        length = 64;
-        BN_bn2binpad(ECDSA_SIG_get0_r(sig), Bytes(signature), 32);
-        BN_bn2binpad(ECDSA_SIG_get0_s(sig), Bytes(signature) + 32, 32);
-        ECDSA_SIG_free(sig);
+// "header.payload" and the decoded signature of a compact token.
+struct Signed {
+    std::string input;
+    std::string signature;
+};
+Signed SplitToken(const std::string& token) {
+    const std::size_t dot = token.rfind('.');
+    return {token.substr(0, dot), zep::jwt::Base64UrlDecode(token.substr(dot + 1)).value_or("")};
+}
+
+// The signature part of `token` ("." included) under another header and payload.
+std::string Resigned(const std::string& header, const std::string& payload, const std::string& token) {
+    return Base64Url(header) + "." + Base64Url(payload) + token.substr(token.rfind('.'));
+}
+
+TEST(VerifySignatureTest, AKeyVerifiesOnlyItsOwnAlgorithmAndAKeyIsOneKey) {
+    const Signed rs = SplitToken(vectors::kRs256), ps = SplitToken(vectors::kPs256);
+    const Signed es = SplitToken(vectors::kEs256), small = SplitToken(vectors::kRs256BySmallKey);
+    EXPECT_TRUE(zep::jwt::VerifySignature(Algorithm::ES256, es.input, es.signature, vectors::kP256Key));
+    EXPECT_TRUE(zep::jwt::VerifySignature(Algorithm::ES256, es.input, es.signature, vectors::kP256KeyBareBase64));
+    const struct {
+        Algorithm algorithm;
+        const Signed& token;
+        const char* key;
+        const char* why;
+    } refused[] = {
+        {Algorithm::ES256, es, vectors::kP384Key, "a P-384 key for ES256"},
+        {Algorithm::ES256, es, vectors::kTrustedRsaKey, "an RSA key for ES256"},
+        {Algorithm::RS256, rs, vectors::kP256Key, "an EC key for RS256"},
+        {Algorithm::RS256, small, vectors::kRsa1024Key, "RSA under 2048 bits"},
+        {Algorithm::RS256, ps, vectors::kTrustedRsaKey, "a PSS signature checked as PKCS#1 v1.5"},
+        {Algorithm::PS256, rs, vectors::kTrustedRsaKey, "a PKCS#1 v1.5 signature checked as PSS"},
+        {Algorithm::RS384, rs, vectors::kTrustedRsaKey, "SHA-256 checked as SHA-384"},
+        {Algorithm::ES256, es, vectors::kP256KeyBareBase64WithAByteMore, "bytes after the key"},
+        {Algorithm::ES256, es, "", "no key"},
+        {Algorithm::ES256, es, "-----BEGIN PUBLIC KEY-----\n-----END PUBLIC KEY-----\n", "an empty block"},
+        {Algorithm::ES256, es, "-----BEGIN CERTIFICATE-----\nMFkwEwYHKoZIzj0CAQYI\n-----END CERTIFICATE-----\n",
+         "another kind of block"},
+    };
+    for (const auto& c : refused) {
+        EXPECT_FALSE(zep::jwt::VerifySignature(c.algorithm, c.token.input, c.token.signature, c.key)) << c.why;
     }
-    return input + "." + Base64Url(signature.substr(0, length));
 }
 
 class JwtTest : public ::testing::Test {
 protected:
     void SetUp() override {
+        // The small RSA key is trusted too: it must be refused for its size.
         platform.policy->platformPolicy.set_jws_pubkey(
-            {zep::text::FromUtf8(PublicKeyPem(TrustedKey())), zep::text::FromUtf8(PublicKeyPem(EcKey()))});
+            {zep::text::FromUtf8(vectors::kTrustedRsaKey), zep::text::FromUtf8(vectors::kP256Key),
+             zep::text::FromUtf8(vectors::kP384Key), zep::text::FromUtf8(vectors::kRsa1024Key)});
     }
     bool Verify(const std::string& token, bool skipValidation = false) {
         claims = "unchanged";
         return CoreUtility::VerifyJWT(token, claims, zep::AgentFactory::GetInstance()->GetConfigPolicyAgent(),
                                       skipValidation);
     }
-    std::string WithExp(std::chrono::seconds fromNow) const {
-        const auto now = std::chrono::floor<std::chrono::seconds>(platform.clock->SystemNow().time_since_epoch());
-        return R"({"exp":)" + std::to_string((now + fromNow).count()) + "}";
-    }
     zep::testing::TestPlatform platform;
     std::string claims;
 };
 
-TEST_F(JwtTest, GoodRs256AndEs256TokensPassAndGiveTheClaims) {
-    for (EVP_PKEY* key : {TrustedKey(), EcKey()}) {
-        EXPECT_TRUE(Verify(Token(key)));
-        EXPECT_EQ(claims, R"({"sub":"device-7f3a"})");
+TEST_F(JwtTest, EveryAcceptedAlgorithmPassesAndGivesTheClaims) {
+    for (const char* token : {vectors::kRs256, vectors::kRs384, vectors::kPs256, vectors::kEs256, vectors::kEs384}) {
+        EXPECT_TRUE(Verify(token)) << token;
+        EXPECT_EQ(claims, vectors::kClaims);
     }
 }
 
 TEST_F(JwtTest, ForgedAndUnsignedTokensAreRefusedAndLeaveTheClaimsAlone) {
-    const std::string good = Token(TrustedKey());
-    const std::string signature = good.substr(good.rfind('.'));
-    std::string es = Token(EcKey());
+    const std::string good = vectors::kRs256;
+    std::string es = vectors::kEs256;
     es[es.size() - 5] = es[es.size() - 5] == 'A' ? 'B' : 'A';
-    // HS256 keyed with the public key: the classic algorithm-confusion forgery.
-    std::string pem = PublicKeyPem(TrustedKey()), hs = Base64Url(R"({"alg":"HS256"})") + "." + Base64Url("{}");
-    std::string mac(32, '\0');
-    HMAC(EVP_sha256(), pem.data(), static_cast<int>(pem.size()), Bytes(hs), hs.size(), Bytes(mac), nullptr);
     const std::string body = "." + Base64Url(R"({"sub":"x"})");
-    for (const std::string& forged :
-         {good.substr(0, good.find('.')) + body + signature, Token(UnknownKey()), es, good.substr(0, good.size() - 4),
-          hs + "." + Base64Url(mac), Base64Url(R"({"alg":"none"})") + body + ".",
-          Base64Url(R"({"alg":"NONE"})") + body + ".", Base64Url(R"({"alg":"none"})") + body + signature,
-          Token(TrustedKey(), "{}", R"({"alg":"none","alg":"RS256"})")}) {
+    for (const std::string& forged : {
+             good.substr(0, good.find('.')) + body + good.substr(good.rfind('.')),
+             std::string(vectors::kRs256ByUnknownKey),
+             std::string(vectors::kRs256BySmallKey),
+             es,
+             good.substr(0, good.size() - 4),
+             std::string(vectors::kHs256KeyedWithThePublicKey),
+             std::string(vectors::kNoneThenRs256),
+             std::string(vectors::kEs384LabelledEs256),
+             Resigned(R"({"alg":"RS384"})", vectors::kClaims, good),  // the algorithm swapped under the signature
+             Resigned(R"({"alg":"RS256"})", vectors::kClaims, vectors::kPs256),
+             Base64Url(R"({"alg":"none"})") + body + ".",
+             Base64Url(R"({"alg":"NONE"})") + body + ".",
+             Base64Url(R"({"alg":"none"})") + body + good.substr(good.rfind('.')),
+         }) {
         EXPECT_FALSE(Verify(forged)) << forged;
         EXPECT_EQ(claims, "unchanged");
     }
 }
 
-TEST_F(JwtTest, ExpiryIsCheckedAgainstThePlatformClock) {
-    EXPECT_FALSE(Verify(Token(TrustedKey(), WithExp(-1s))));
-    EXPECT_FALSE(Verify(Token(TrustedKey(), WithExp(0s)))) << "expiry at now";
-    EXPECT_TRUE(Verify(Token(TrustedKey(), WithExp(1s))));
+TEST_F(JwtTest, ValidityIsJudgedByThePlatformClock) {
+    EXPECT_FALSE(Verify(vectors::kExpiredASecondAgo));
+    EXPECT_FALSE(Verify(vectors::kExpiringNow)) << "expiry at now";
+    EXPECT_TRUE(Verify(vectors::kExpiringInASecond));
+    EXPECT_FALSE(Verify(vectors::kNotValidForAnotherSecond));
+    platform.clock->Advance(1s);
+    EXPECT_TRUE(Verify(vectors::kNotValidForAnotherSecond));
     // Far from the real time, so only the fake clock can give this answer.
     platform.clock->SetSystemTime(std::chrono::system_clock::from_time_t(2'200'000'000));  // 2039
-    EXPECT_FALSE(Verify(Token(TrustedKey(), R"({"exp":2199999999})")));
+    EXPECT_FALSE(Verify(vectors::kExpiringIn2039));
 }
 
 TEST_F(JwtTest, SkippingValidationStillNeedsAWellFormedToken) {
-    EXPECT_TRUE(Verify(Token(UnknownKey(), WithExp(-100s)), true));
-    EXPECT_EQ(claims, WithExp(-100s));
+    EXPECT_TRUE(Verify(vectors::kByUnknownKeyExpired, true));
+    EXPECT_EQ(claims, R"({"exp":1795256030})");
     const std::string body = Base64Url("{}");
     for (const std::string& bad : {std::string("a.b"), Base64Url("not json") + "." + body + ".",
                                    body + "." + Base64Url("[1]") + ".", body + "." + body + ".Zg==",
@@ -119,7 +151,8 @@ TEST_F(JwtTest, SkippingValidationStillNeedsAWellFormedToken) {
 }
 
 TEST_F(JwtTest, TheTokenNeverReachesTheLog) {
-    const std::vector<std::string> tokens = {Token(TrustedKey()), Token(EcKey(), WithExp(-1s)), Token(UnknownKey())};
+    const std::vector<std::string> tokens = {vectors::kRs256, vectors::kEs256ExpiredASecondAgo,
+                                             vectors::kRs256ByUnknownKey};
     for (const auto& token : tokens) {
         Verify(token);
         Verify(token, true);

@@ -11,7 +11,7 @@
 #include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
 #include "support/ManagerFixture.h"
-#include "support/TokenSigner.h"
+#include "support/TokenVectors.h"
 
 namespace {
 
@@ -54,9 +54,9 @@ protected:
 };
 
 TEST_F(DeferredUploadTest, OnlyAVerifiedBackupTokenIsSentAndWithoutIntentNothingIsSent) {
-    platform.policy->platformPolicy.set_jws_pubkey({zep::text::FromUtf8(PublicKeyPem(TrustedKey()))});
-    const std::string good = SignToken(TrustedKey(), kYear2100);
-    const std::string forged = SignToken(UnknownKey(), kYear2100);
+    platform.policy->platformPolicy.set_jws_pubkey({zep::text::FromUtf8(zep::testing::vectors::kTrustedRsaKey)});
+    const std::string good = zep::testing::vectors::kProvisionToken;
+    const std::string forged = zep::testing::vectors::kProvisionTokenByUnknownKey;
     const fs::path zip = ZipOf(Queue(agentRoot / "acme"));
     const fs::path backup = platform.rootPath / "programdata" / "zep-provision-backup.json";
     const struct {

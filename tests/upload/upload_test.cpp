@@ -7,11 +7,10 @@
 
 #include <gtest/gtest.h>
 #include <json/json.h>
-#include <openssl/evp.h>
 
 #include "platform/util/Strings.h"
 #include "support/ManagerFixture.h"
-#include "support/TokenSigner.h"
+#include "support/TokenVectors.h"
 
 namespace {
 
@@ -22,16 +21,9 @@ constexpr const char* kSignature = "5d41402abc4b2a76b9719d911017c592ae1f6e3a5b8c
 constexpr const char* kScanResult = R"({"id":"scan1","trigger":"Mqtt","isProblematic":true,"failTestCount":2,)"
                                     R"("components":[{"componentId":"zep","result":"fail"}]})";
 
-// Made with OpenSSL, independently of the module's own hashing.
-std::string Sha256Hex(const std::string& bytes) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_Digest(bytes.data(), bytes.size(), digest, &length, EVP_sha256(), nullptr);
-    static constexpr char kHex[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned int i = 0; i < length; ++i) hex += {kHex[digest[i] >> 4], kHex[digest[i] & 0x0F]};
-    return hex;
-}
+// SHA-256 of kScanResult and of UploadTest::ZipBytes(), made with sha256sum.
+constexpr const char* kScanResultSha256 = "0242febe02abd58d989a320bc69b8c2c96b2c686e3113ce35564998782b0761c";
+constexpr const char* kZipSha256 = "356a9a7e9a1c881e1b47cbfcb25ce8e417870e52c916b6f39d19a68885cf2481";
 
 Json::Value Parse(const std::string& text) {
     Json::Value value;
@@ -45,7 +37,7 @@ protected:
         peer->scanID() = L"scan1";
         peer->triggerType() = 2;
         peer->problemSignature() = zep::text::FromUtf8(kSignature);
-        platform.policy->platformPolicy.set_jws_pubkey({zep::text::FromUtf8(PublicKeyPem(TrustedKey()))});
+        platform.policy->platformPolicy.set_jws_pubkey({zep::text::FromUtf8(vectors::kTrustedRsaKey)});
         WriteText(Latest() / "scan-result.json", kScanResult);
         WriteText(Latest() / "LD-TEST01_scan1.zip", ZipBytes());
     }
@@ -68,9 +60,9 @@ protected:
 };
 
 TEST_F(UploadTest, EachDeviceStateTakesItsOwnPath) {
-    const std::string good = SignToken(TrustedKey(), kYear2100);
-    const std::string forged = SignToken(UnknownKey(), kYear2100);
-    const std::string expired = SignToken(TrustedKey(), 1000000000);
+    const std::string good = vectors::kProvisionToken;
+    const std::string forged = vectors::kProvisionTokenByUnknownKey;
+    const std::string expired = vectors::kExpiredProvisionToken;
     const std::string backup = R"({"device_id":"LD-TEST01","provision_token":")" + good + R"("})";
     std::string utf16 = "\xFF\xFE";
     for (char c : backup) utf16 += {c, '\0'};
@@ -135,7 +127,7 @@ TEST_F(UploadTest, EachDeviceStateTakesItsOwnPath) {
             Json::Value expected(Json::objectValue);
             expected["name"] = c.file;
             expected["sizeInBytes"] = Json::Value(static_cast<Json::UInt64>(bytes.size()));
-            expected["hash"] = Sha256Hex(bytes);
+            expected["hash"] = c.file == std::string("scan-result.json") ? kScanResultSha256 : kZipSha256;
             expected["context"] = Parse(kScanResult);
             EXPECT_EQ(up.metadata, Json::writeString(Json::StreamWriterBuilder(), expected));
         }
