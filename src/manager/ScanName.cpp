@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cwchar>
 
 #include "platform/util/Strings.h"
 
@@ -43,9 +44,13 @@ bool IsWindowsForbidden(wchar_t c) {
 }
 
 std::size_t Utf16Units(const std::wstring& name) {
+#if WCHAR_MAX > 0xFFFF
     std::size_t units = 0;
     for (const wchar_t c : name) units += static_cast<char32_t>(c) > 0xFFFF ? 2 : 1;
     return units;
+#else
+    return name.size();  // wide strings are UTF-16 already
+#endif
 }
 
 // Windows opens the device whatever extension follows its name, and takes

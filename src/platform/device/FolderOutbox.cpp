@@ -74,11 +74,16 @@ public:
         // What a writer killed half-way left aside; under the lock nobody is
         // writing it now.
         outbox->Remove(kAside, true);
-        auto aside = outbox->CreateFolder(kAside);
         const std::uint64_t size = source->Info().size;
-        const bool written =
-            aside && CopyInto(*source, *aside, name) && WriteNew(*aside, name + L".metadata.json", metadata) &&
-            WriteNew(*aside, L"upload.json", Record(name, size, unregisteredDevice, !provisionToken.empty()));
+        bool written = false;
+        {
+            // Closed before it is renamed: a folder held open cannot be
+            // renamed on Windows.
+            const auto aside = outbox->CreateFolder(kAside);
+            written = aside && CopyInto(*source, *aside, name) &&
+                      WriteNew(*aside, name + L".metadata.json", metadata) &&
+                      WriteNew(*aside, L"upload.json", Record(name, size, unregisteredDevice, !provisionToken.empty()));
+        }
         if (!written || !Publish(*outbox)) {
             outbox->Remove(kAside, true);
             return Failed(*outbox, name, kLocalRefusal);

@@ -6,7 +6,10 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
+
+#include "DiagnosticScanner/Export.h"
 
 namespace zep::platform {
 
@@ -48,5 +51,10 @@ public:
     // and the output folder, and waits for it to end.
     virtual int RunPackageScript(const std::wstring& script, const std::wstring& outputFolder) = 0;
 };
+
+// The running system's native collection, or null where it has none yet (on
+// Windows until the native packer is portable): hosts that offer a choice of
+// the two ways take it from here.
+DIAGSCANNER_API std::shared_ptr<CollectionEnv> NativeCollectionEnv();
 
 }  // namespace zep::platform

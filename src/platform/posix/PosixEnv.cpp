@@ -47,8 +47,10 @@ Env DefaultEnv() {
     env.storage = std::make_shared<AbsentStorage>();
     env.events = std::make_shared<DroppingEvents>();
     env.extensions = std::make_shared<AbsentExtensions>();
-    env.collection = std::make_shared<NativeCollection>();
+    env.collection = NativeCollectionEnv();
     return env;
 }
+
+std::shared_ptr<CollectionEnv> NativeCollectionEnv() { return std::make_shared<NativeCollection>(); }
 
 }  // namespace zep::platform

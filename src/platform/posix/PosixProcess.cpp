@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/util/OutputTail.h"
 #include "platform/util/Strings.h"
 #include "platform/util/WindowsCommandLine.h"
 
@@ -121,35 +122,6 @@ int OpenPidFd(pid_t pid) noexcept {
 }
 
 enum class ReadState { More, Finished };
-
-// The child's standard output, of which only the last `limit` bytes are kept
-// (all with 0): a child may write without end, and the answer it gives comes
-// last. Memory stays below twice the limit while reading.
-class OutputTail {
-public:
-    explicit OutputTail(std::size_t limit) : limit_(limit) {}
-
-    void Append(const char* data, std::size_t size) {
-        bytes_.append(data, size);
-        if (limit_ != 0 && bytes_.size() > 2 * limit_) Trim();
-    }
-
-    void MoveInto(ProcessResult& result) {
-        if (limit_ != 0 && bytes_.size() > limit_) Trim();
-        result.output = std::move(bytes_);
-        result.outputTruncated = truncated_;
-    }
-
-private:
-    void Trim() {
-        bytes_.erase(0, bytes_.size() - limit_);
-        truncated_ = true;
-    }
-
-    std::size_t limit_;
-    std::string bytes_;
-    bool truncated_ = false;
-};
 
 // One read, so that a child that never stops writing cannot keep the wait
 // from checking its time-out.
