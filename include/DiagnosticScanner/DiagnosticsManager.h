@@ -54,7 +54,8 @@ public:
     static constexpr unsigned long kManualScanRequest = 211;
     static constexpr unsigned long kMqttScanRequest = 2;
     // A plug-in's zip is made only with at least this much free disk (50 MiB).
-    static constexpr std::uint64_t kMinDiskSpaceForPluginZipBytes = 52428800;
+    // Defined in the library, which exports it.
+    static const std::uint64_t kMinDiskSpaceForPluginZipBytes;
 
     static DiagnosticsManager* GetInstance();
 

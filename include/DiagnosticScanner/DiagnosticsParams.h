@@ -6,13 +6,16 @@
 
 #include "DiagnosticScanner/Export.h"
 
+// Its construction and assignment are defined in the library, so that the
+// library exports them.
 class DIAGSCANNER_API DiagnosticsParams {
 public:
-    DiagnosticsParams() = default;
-    DiagnosticsParams(const DiagnosticsParams&) = default;
-    DiagnosticsParams(DiagnosticsParams&&) = default;
-    DiagnosticsParams& operator=(const DiagnosticsParams&) = default;
-    DiagnosticsParams& operator=(DiagnosticsParams&&) = default;
+    DiagnosticsParams();
+    DiagnosticsParams(const DiagnosticsParams&);
+    DiagnosticsParams(DiagnosticsParams&&) noexcept;
+    DiagnosticsParams& operator=(const DiagnosticsParams&);
+    DiagnosticsParams& operator=(DiagnosticsParams&&) noexcept;
+    ~DiagnosticsParams();
 
     // The request's identifier, lower-cased; empty when the payload has none.
     std::wstring requestId;

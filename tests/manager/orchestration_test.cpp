@@ -26,7 +26,12 @@ struct ScriptedGenerator : zep::diagnostics::IDiagnosticsGenerator {
     virtual ~ScriptedGenerator() = default;
     std::function<void()> during;
     void RunTests(std::vector<zep::diagnostics::Tests>& out) override {
-        out = {{L"t0", L"id", L"a", L"a"}, {L"t1", L"id", L"a", L"a"}};
+        out.assign(2, zep::diagnostics::Tests());
+        for (std::size_t i = 0; i < out.size(); ++i) {
+            out[i].name = L"t" + std::to_wstring(i);
+            out[i].id = L"id";
+            out[i].expected = out[i].actual = L"a";
+        }
         if (during) during();
     }
     std::wstring GetComponentId() override { return L"SCRIPTED"; }
