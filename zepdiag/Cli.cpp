@@ -20,7 +20,7 @@ std::optional<Command> CommandNamed(const std::string& name) {
 // than silently ignored, so a typo cannot run a different scan than meant.
 std::set<std::string> OptionsOf(Command command) {
     switch (command) {
-        case Command::Scan: return {"--device", "--scheduled", "--json", "--no-wait"};
+        case Command::Scan: return {"--device", "--scheduled", "--native", "--json", "--no-wait"};
         case Command::Notify: return {"--device", "--payload", "--json", "--no-wait"};
         case Command::Online: return {"--device", "--json", "--no-wait"};
         case Command::History: return {"--device", "--json"};
@@ -33,6 +33,7 @@ std::set<std::string> OptionsOf(Command command) {
 
 bool* FlagNamed(Options& options, const std::string& name) {
     if (name == "--scheduled") return &options.scheduled;
+    if (name == "--native") return &options.native;
     if (name == "--json") return &options.json;
     if (name == "--no-wait") return &options.noWait;
     return nullptr;
@@ -103,7 +104,9 @@ data (programdata/) and temporary folder (temp/).
 
 Commands:
   init     Create a demo device folder. An existing device folder is left
-           unchanged; any other non-empty folder is refused.
+           unchanged; any other non-empty folder is refused. On Windows the
+           device's registry.reg is then imported into the registry (with
+           regedit.exe, so run it elevated), where the module reads it.
   scan     Run a diagnostics scan as the agent's service starts one, and
            print the built-in component's result.
   notify   Deliver a getDiagnostics request through the notification hub, as
@@ -115,7 +118,7 @@ Commands:
            uploads that offline scans and plug-in requests deferred, and
            print what it uploaded.
   history  Print the scan history, newest scan last.
-  serve    Run as the device's service until SIGTERM or SIGINT: take the
+  serve    (Linux) Run as the device's service until SIGTERM or SIGINT: take the
            cloud's requests from the MQTT broker (topic
            zep/<deviceId>/notifications, QoS 1), and upload over HTTPS.
            Messages are JSON envelopes of a hub notification:
@@ -137,6 +140,9 @@ Options:
                    online and serve create a demo device there when it is
                    missing or empty; history only reads it.
   --scheduled      scan: run it as a scheduled scan instead of a manual one.
+  --native         scan: collect and pack with the module's own code instead
+                   of PowerShell (Windows scans the PowerShell way by default;
+                   on Linux the native way is the only one).
   --no-wait        init, scan, notify, online: when another zepdiag is using
                    the device folder, exit with status 3 instead of waiting.
   --payload JSON   notify: the request's payload, for example

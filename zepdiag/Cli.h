@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "serve/ServeSettings.h"
+#include "serve/ServeOptions.h"
 
 namespace zepdiag {
 
@@ -15,6 +15,7 @@ struct Options {
     Command command = Command::Help;
     std::string device = "zep-device";  // relative to the working directory
     bool scheduled = false;             // scan: report the scan as scheduled, not manual
+    bool native = false;                // scan: collect and pack natively, not with PowerShell (Windows)
     bool noWait = false;                // fail at once when the device folder is in use
     std::string payload;                // notify: the notification's JSON text
     bool json = false;                  // scan, notify, online, history: one JSON document on stdout

@@ -1,6 +1,8 @@
 #include "DemoDevice.h"
 
+#ifndef _WIN32
 #include <sys/stat.h>
+#endif
 
 #include <ctime>
 #include <fstream>
@@ -9,6 +11,11 @@
 #include <vector>
 
 #include <json/json.h>
+
+#include "platform/util/Paths.h"
+#ifdef _WIN32
+#include "WindowsHost.h"
+#endif
 
 namespace zepdiag {
 namespace {
@@ -27,7 +34,11 @@ constexpr const char* kPluginId = "com.quorin.demoplugin";
 std::string Utc(system_clock::time_point time, bool milliseconds) {
     const std::time_t seconds = system_clock::to_time_t(time);
     std::tm utc{};
+#ifdef _WIN32
+    gmtime_s(&utc, &seconds);
+#else
     gmtime_r(&seconds, &utc);
+#endif
     char text[40];
     std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S", &utc);
     std::string out = text;
@@ -208,6 +219,7 @@ std::string PackageComponentResult() {
                              "disconnected"}});
 }
 
+#ifndef _WIN32
 std::string InstallScript() {
     return std::string(R"(#!/bin/sh
 # Quorin VPN Client: the package's script on this demo device. It knows one
@@ -259,13 +271,51 @@ exit 0
 )";
 }
 
+#endif
+
+#ifdef _WIN32
+// The same package script for Windows, where the module runs it with
+// PowerShell: install.ps1 -command get-diagnostics -outDir <folder>.
+std::string InstallPowerShellScript() {
+    return std::string(R"(# Quorin VPN Client: the package's script on this demo device. It knows one
+# command: -command get-diagnostics -outDir <folder> writes the package's
+# component result and a log into <folder>.
+param([string]$command, [string]$outDir)
+
+if ($command -ne 'get-diagnostics') {
+    [Console]::Error.WriteLine("install.ps1: unsupported command: $command")
+    exit 2
+}
+if (-not $outDir) {
+    [Console]::Error.WriteLine('install.ps1: -outDir is required')
+    exit 2
+}
+New-Item -ItemType Directory -Force -Path $outDir | Out-Null
+$now = (Get-Date).ToUniversalTime().ToString('yyyy-MM-ddTHH:mm:ssZ')
+# WriteAllText: UTF-8 without the byte-order mark Set-Content would add.
+[IO.File]::WriteAllText((Join-Path $outDir 'component-result.json'), @'
+)") + PackageComponentResult() + R"(
+'@)
+[IO.File]::WriteAllText((Join-Path $outDir 'vpnclient-diagnostics.log'), @"
+$now [i] get-diagnostics started, output folder $outDir
+$now [i] service QuorinVpnService: running, version 7.1.0.2204
+$now [e] tunnel: not established, last error 809 (no answer from vpn.quorin.example)
+$now [i] get-diagnostics finished
+
+"@)
+exit 0
+)";
+}
+
+#endif
+
 // The demo plug-in: the extension module finds it by its folder name and
 // runs its program with the diagnostics folder of each running instance.
-std::string PluginManifest() {
+std::string PluginManifest(const char* program) {
     return std::string(R"({
   "id": ")") + kPluginId + R"(",
   "elevations": ["elevated"],
-  "program": "run.sh"
+  "program": ")" + program + R"("
 }
 )";
 }
@@ -276,6 +326,7 @@ std::string PluginComponentResult() {
                             {"7a2d9e41-0b5c-4f83-9d6e-28c1f4a7b390", "demo_config_present", "present", "missing"}});
 }
 
+#ifndef _WIN32
 std::string PluginScript() {
     return std::string(R"(#!/bin/sh
 # Demo Plug-in: the plug-in's program on this demo device. It knows one
@@ -308,6 +359,8 @@ exit 0
 )";
 }
 
+#endif
+
 class Writer {
 public:
     explicit Writer(fs::path root) : root_(std::move(root)) {}
@@ -316,7 +369,7 @@ public:
         if (!ok()) return;
         std::error_code code;
         fs::create_directories(root_ / relative, code);
-        if (code) error_ = "cannot create " + (root_ / relative).string() + ": " + code.message();
+        if (code) error_ = "cannot create " + zep::path::NarrowPath(root_ / relative) + ": " + code.message();
     }
 
     void File(const fs::path& relative, std::string_view bytes) {
@@ -326,13 +379,23 @@ public:
         std::ofstream out(path, std::ios::binary | std::ios::trunc);
         out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
         out.close();
-        if (!out) error_ = "cannot write " + path.string();
+        if (!out) error_ = "cannot write " + zep::path::NarrowPath(path);
     }
 
+#ifndef _WIN32
     void Executable(const fs::path& relative) {
         if (!ok()) return;
         const fs::path path = root_ / relative;
-        if (::chmod(path.c_str(), 0755) != 0) error_ = "cannot make " + path.string() + " executable";
+        if (::chmod(path.c_str(), 0755) != 0) error_ = "cannot make " + zep::path::NarrowPath(path) + " executable";
+    }
+#endif
+
+    void Copy(const fs::path& from, const fs::path& relative) {
+        Folder(relative.parent_path());
+        if (!ok()) return;
+        std::error_code code;
+        fs::copy_file(from, root_ / relative, fs::copy_options::overwrite_existing, code);
+        if (code) error_ = "cannot copy " + zep::path::NarrowPath(from) + ": " + code.message();
     }
 
     bool ok() const { return error_.empty(); }
@@ -375,11 +438,20 @@ bool CreateDemoDevice(const fs::path& dir, system_clock::time_point now, std::st
     w.Folder("programdata/plugin-data");
     w.Folder("temp");
     w.File("update-policy.json", kUpdatePolicy);
+#ifdef _WIN32
+    // A shell script cannot run here: the package script is PowerShell, and
+    // the plug-in a small program that hands out its component result.
+    w.File(fs::path("packages") / kPackageId / "temp" / "install.ps1", InstallPowerShellScript());
+    w.File("plugins/demo-plugin/plugin.json", PluginManifest("demo-plugin.exe"));
+    w.File("plugins/demo-plugin/component-result.json", PluginComponentResult());
+    w.Copy(RunningProgramFolder() / "demo-plugin.exe", "plugins/demo-plugin/demo-plugin.exe");
+#else
     w.File(fs::path("packages") / kPackageId / "temp" / "install.sh", InstallScript());
     w.Executable(fs::path("packages") / kPackageId / "temp" / "install.sh");
-    w.File("plugins/demo-plugin/plugin.json", PluginManifest());
+    w.File("plugins/demo-plugin/plugin.json", PluginManifest("run.sh"));
     w.File("plugins/demo-plugin/run.sh", PluginScript());
     w.Executable("plugins/demo-plugin/run.sh");
+#endif
     error = w.error();
     return w.ok();
 }

@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "platform/util/JsonText.h"
+#include "platform/util/Paths.h"
 
 namespace zepdiag {
 namespace {
@@ -28,7 +29,7 @@ Json::Value Size(std::uintmax_t bytes) { return Json::Value(static_cast<Json::UI
 
 Json::Value ZipJson(const ZipListing& listing) {
     Json::Value zip(Json::objectValue);
-    zip["path"] = listing.path.string();
+    zip["path"] = zep::path::NarrowPath(listing.path);
     zip["size"] = Size(listing.size);
     zip["entries"] = Json::Value(Json::arrayValue);
     for (const auto& entry : listing.entries) zip["entries"].append(entry);
@@ -50,7 +51,7 @@ std::string TypeName(UploadType type) {
 
 Json::Value UploadJson(const OutboxUpload& upload) {
     Json::Value value(Json::objectValue);
-    value["folder"] = upload.folder.string();
+    value["folder"] = zep::path::NarrowPath(upload.folder);
     value["file"] = upload.file.empty() ? Json::Value() : Json::Value(upload.file);
     value["size"] = Size(upload.size);
     value["type"] = TypeName(TypeOf(upload));
@@ -91,7 +92,8 @@ Json::Value ArrayOf(const std::vector<Item>& items, Render render) {
 Json::Value PluginInstanceJson(const PluginInstance& instance, const std::string& pluginId) {
     Json::Value value(Json::objectValue);
     value["elevation"] = instance.elevation;
-    value["folder"] = instance.folder.empty() ? Json::Value() : Json::Value(instance.folder.string());
+    value["folder"] =
+        instance.folder.empty() ? Json::Value() : Json::Value(zep::path::NarrowPath(instance.folder));
     const FileSnapshot history = instance.folder.empty() ? FileSnapshot{} : SnapshotFile(PluginHistoryPath(instance.folder));
     // As in the text: without a new history line the instance was not asked.
     const bool asked = WrittenSince(instance.history, history);
@@ -108,7 +110,7 @@ Json::Value PluginInstanceJson(const PluginInstance& instance, const std::string
 Json::Value ScanJson(const fs::path& deviceDir, const std::string& trigger, const std::optional<fs::path>& resultFile) {
     Json::Value value(Json::objectValue);
     const std::optional<Json::Value> result = resultFile ? ReadJsonFile(*resultFile) : std::nullopt;
-    value["deviceFolder"] = deviceDir.string();
+    value["deviceFolder"] = zep::path::NarrowPath(deviceDir);
     value["trigger"] = result && (*result)["trigger"].isString() ? (*result)["trigger"] : Json::Value(trigger);
     value["scanResult"] = DocumentOrNull(result);
     value["resultFile"] = PathOrNull(resultFile);
@@ -148,7 +150,7 @@ Json::Value HistoryLineJson(const std::optional<std::string>& line) {
 
 Json::Value HistoryJson(const fs::path& deviceDir, const std::vector<std::string>& lines) {
     Json::Value value(Json::objectValue);
-    value["historyFile"] = ScanHistoryPath(deviceDir).string();
+    value["historyFile"] = zep::path::NarrowPath(ScanHistoryPath(deviceDir));
     value["entries"] = ArrayOf(lines, [](const std::string& line) { return HistoryLineJson(line); });
     return value;
 }
@@ -169,7 +171,7 @@ Json::Value PluginHistoryChangeJson(const fs::path& diagFolder, const FileSnapsh
     const FileSnapshot now = SnapshotFile(PluginHistoryPath(diagFolder));
     if (!WrittenSince(before, now)) return Json::Value();
     Json::Value value(Json::objectValue);
-    value["folder"] = diagFolder.string();
+    value["folder"] = zep::path::NarrowPath(diagFolder);
     value["historyBefore"] = HistoryLineJson(LastLineOf(before));
     value["historyAfter"] = HistoryLineJson(LastLineOf(now));
     return value;

@@ -155,7 +155,9 @@ std::optional<fs::path> NewestEndingWith(const fs::path& folder, const std::stri
     std::error_code code;
     for (fs::directory_iterator it(folder, code), end; !code && it != end; it.increment(code)) {
         std::error_code fileCode;
-        if (!EndsWith(it->path().filename().string(), suffix) || !it->is_regular_file(fileCode)) continue;
+        if (!EndsWith(zep::path::NarrowPath(it->path().filename()), suffix) || !it->is_regular_file(fileCode)) {
+            continue;
+        }
         const auto modified = it->last_write_time(fileCode);
         if (!found || modified > foundTime) {
             found = it->path();
@@ -309,7 +311,7 @@ ZipListing ReadZipListing(const fs::path& zipPath) {
     if (code) listing.size = 0;
 
     int openError = 0;
-    zip_t* archive = zip_open(zipPath.c_str(), ZIP_RDONLY, &openError);
+    zip_t* archive = zip_open(zep::path::NarrowPath(zipPath).c_str(), ZIP_RDONLY, &openError);
     if (archive == nullptr) {
         listing.error = ZipErrorText(openError);
         return listing;
@@ -380,7 +382,7 @@ std::string FormatScanResult(const Json::Value& scanResult) {
 
 std::string FormatZipListing(const ZipListing& listing) {
     const auto& entries = listing.entries;
-    std::string text = Field("Zip", listing.path.string()) +
+    std::string text = Field("Zip", zep::path::NarrowPath(listing.path)) +
                        Field("Zip size", std::to_string(listing.size) + " bytes (" + HumanSize(listing.size) + ")");
     if (!listing.error.empty()) return text + Field("Zip entries", "unreadable (" + listing.error + ")");
     text += Field("Zip entries", std::to_string(entries.size()));
@@ -394,7 +396,7 @@ fs::path ModuleLogPath(const fs::path& deviceDir) { return deviceDir / "programd
 
 void PrintScanSummary(std::ostream& out, const fs::path& deviceDir, const std::string& trigger,
                       const std::optional<fs::path>& resultFile) {
-    out << Field("Device folder", deviceDir.string());
+    out << Field("Device folder", zep::path::NarrowPath(deviceDir));
 
     const std::optional<Json::Value> result = resultFile ? ReadJsonFile(*resultFile) : std::nullopt;
     if (result) {
@@ -423,7 +425,7 @@ ActivitySnapshot SnapshotActivity(const fs::path& deviceDir) {
     ActivitySnapshot snapshot;
     std::error_code code;
     for (fs::directory_iterator it(OutboxPath(deviceDir), code), end; !code && it != end; it.increment(code)) {
-        snapshot.outboxEntries.insert(it->path().filename().string());
+        snapshot.outboxEntries.insert(zep::path::NarrowPath(it->path().filename()));
     }
     snapshot.failedLog = SnapshotFile(OutboxPath(deviceDir) / "failed.log");
     snapshot.history = SnapshotHistory(ScanHistoryPath(deviceDir));
@@ -442,7 +444,7 @@ OutboxUpload ReadOutboxFolder(const fs::path& folder) {
     } else {
         std::error_code code;
         for (fs::directory_iterator it(folder, code), end; !code && it != end; it.increment(code)) {
-            const std::string name = it->path().filename().string();
+            const std::string name = zep::path::NarrowPath(it->path().filename());
             if (name != "upload.json" && !EndsWith(name, ".metadata.json")) upload.file = name;
         }
     }
@@ -460,7 +462,7 @@ RunActivity ActivitySince(const fs::path& deviceDir, const ActivitySnapshot& bef
     std::vector<std::string> added;
     std::error_code code;
     for (fs::directory_iterator it(OutboxPath(deviceDir), code), end; !code && it != end; it.increment(code)) {
-        const std::string name = it->path().filename().string();
+        const std::string name = zep::path::NarrowPath(it->path().filename());
         std::error_code kind;
         if (IsOutboxFolderName(name) && it->is_directory(kind) && before.outboxEntries.count(name) == 0) {
             added.push_back(name);
@@ -485,7 +487,7 @@ RunActivity ActivitySince(const fs::path& deviceDir, const ActivitySnapshot& bef
 std::vector<std::string> ReadScanHistory(const fs::path& deviceDir) {
     // Only the tail the module itself reads: a history grown huge prints no more.
     std::vector<std::string> lines;
-    zep::results::ReadHistoryLines(zep::text::DecodeFileName(ScanHistoryPath(deviceDir).string()), lines);
+    zep::results::ReadHistoryLines(zep::path::FromFs(ScanHistoryPath(deviceDir)), lines);
     return lines;
 }
 
@@ -512,12 +514,13 @@ std::string FormatUploads(const fs::path& deviceDir, const RunActivity& activity
     std::string text;
     for (const auto& upload : activity.uploads) {
         if (upload.file.empty()) {
-            text += Field("Upload", "an empty outbox folder") + Field("Outbox folder", upload.folder.string(), 2);
+            text += Field("Upload", "an empty outbox folder") +
+                    Field("Outbox folder", zep::path::NarrowPath(upload.folder), 2);
             continue;
         }
         text += Field("Upload", UploadKind(upload) + ", " + upload.file + " (" + std::to_string(upload.size) +
                                     " bytes, " + HumanSize(upload.size) + ")") +
-                Field("Outbox folder", upload.folder.string(), 2) +
+                Field("Outbox folder", zep::path::NarrowPath(upload.folder), 2) +
                 Field("Metadata", upload.metadata ? upload.file + ".metadata.json" : std::string("none"), 2);
     }
     for (const auto& line : activity.failedUploads) {
@@ -527,7 +530,7 @@ std::string FormatUploads(const fs::path& deviceDir, const RunActivity& activity
             continue;
         }
         text += Field("Upload", "failed with " + failed->code + ", " + failed->file + " at " + failed->time) +
-                Field("Recorded in", (OutboxPath(deviceDir) / "failed.log").string(), 2);
+                Field("Recorded in", zep::path::NarrowPath(OutboxPath(deviceDir) / "failed.log"), 2);
     }
     return text.empty() ? Field("Upload", "nothing uploaded") : text;
 }
@@ -616,7 +619,7 @@ std::string PluginResultLines(const fs::path& diagFolder) {
     const fs::path resultFile = PluginScanResultPath(diagFolder);
     const std::optional<Json::Value> result = ReadJsonFile(resultFile);
     if (!result) return Field("Result file", kNotProduced);
-    return Field("Result file", resultFile.string()) + FormatPluginScanResult(*result);
+    return Field("Result file", zep::path::NarrowPath(resultFile)) + FormatPluginScanResult(*result);
 }
 
 std::string PluginComponentLines(const fs::path& diagFolder) {
@@ -688,7 +691,7 @@ std::string FormatPluginScanResult(const Json::Value& scanResult) {
 std::string FormatPluginInstance(const PluginInstance& instance, const std::string& pluginId) {
     std::string text = Field("Instance", instance.elevation);
     if (instance.folder.empty()) return text + Field("Folder", "none (the module resolved none, see its log)");
-    text += Field("Folder", instance.folder.string());
+    text += Field("Folder", zep::path::NarrowPath(instance.folder));
     const FileSnapshot history = SnapshotHistory(PluginHistoryPath(instance.folder));
     // Every request the module makes ends with a history line, whatever the
     // plug-in answered; without one, what is in the folder is older.
@@ -716,7 +719,7 @@ std::string FormatPluginTarget(const fs::path& deviceDir, const PluginTarget& ta
 std::string FormatPluginHistoryChange(const fs::path& diagFolder, const FileSnapshot& before) {
     const FileSnapshot now = SnapshotHistory(PluginHistoryPath(diagFolder));
     if (!WrittenSince(before, now)) return "";
-    return Field("Plug-in folder", diagFolder.string()) +
+    return Field("Plug-in folder", zep::path::NarrowPath(diagFolder)) +
            FormatHistoryLine("History before", LastLineOf(before), "none") +
            FormatHistoryLine("History after", LastLineOf(now), "none");
 }

@@ -19,11 +19,14 @@
 #include "Module.h"
 #include "Summary.h"
 #include "platform/agent/ZEPNotificationData.h"
+#include "platform/device/DeviceFolder.h"
 #include "platform/env/Env.h"
 #include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
 #include "plugins/PluginFolders.h"
+#ifndef _WIN32
 #include "serve/Service.h"
+#endif
 
 namespace {
 
@@ -38,12 +41,15 @@ constexpr int kBusy = 3;      // --no-wait and another run holds the device fold
 constexpr int kTopicGetDiagnostics = 3;
 constexpr int kStateNone = 0;
 
+// A path as zepdiag prints it (UTF-8 on Windows).
+std::string Shown(const fs::path& path) { return zep::path::NarrowPath(path); }
+
 // Absolute and without a trailing separator, so that what is printed is the
 // path the module itself logs.
 fs::path DeviceFolderPath(const std::string& argument) {
     std::error_code code;
-    fs::path dir = fs::absolute(argument, code);
-    if (code) dir = argument;
+    fs::path dir = fs::absolute(zep::path::FromNarrow(argument), code);
+    if (code) dir = zep::path::FromNarrow(argument);
     dir = dir.lexically_normal();
     if (!dir.has_filename() && dir != dir.root_path()) dir = dir.parent_path();
     return dir;
@@ -52,10 +58,23 @@ fs::path DeviceFolderPath(const std::string& argument) {
 bool CreateDemo(const fs::path& dir, std::ostream& out, std::ostream& err) {
     std::string error;
     if (!CreateDemoDevice(dir, std::chrono::system_clock::now(), error)) {
-        err << "zepdiag: cannot create the demo device in " << dir.string() << ": " << error << '\n';
+        err << "zepdiag: cannot create the demo device in " << Shown(dir) << ": " << error << '\n';
         return false;
     }
-    out << "Created a demo device in " << dir.string() << '\n';
+    out << "Created a demo device in " << Shown(dir) << '\n';
+    return true;
+}
+
+// Where the module reads the system's registry (Windows), the device's
+// registry.reg is imported into it.
+bool ImportRegistry(const fs::path& dir, std::ostream& out, std::ostream& err) {
+    if (zep::platform::DeviceFolderOptions{}.registryFromFile) return true;
+    std::string problem;
+    if (!zep::platform::ImportRegistryFile(zep::platform::DefaultEnv(), zep::path::FromFs(dir), problem)) {
+        err << "zepdiag: registry.reg was not imported into the registry: " << problem << '\n';
+        return false;
+    }
+    out << "Imported registry.reg into the registry\n";
     return true;
 }
 
@@ -63,24 +82,25 @@ int RunInit(const fs::path& dir, std::ostream& out, std::ostream& err) {
     switch (InspectDeviceFolder(dir)) {
         case FolderKind::Device:
             // Running init twice is harmless: the device and whatever was
-            // changed in it stay as they are.
-            out << dir.string() << " is a device folder already; nothing was changed.\n";
-            return 0;
+            // changed in it stay as they are (its registry is imported again).
+            out << Shown(dir) << " is a device folder already; nothing was changed.\n";
+            return ImportRegistry(dir, out, err) ? 0 : kFailure;
         case FolderKind::Other:
-            err << "zepdiag: " << dir.string()
+            err << "zepdiag: " << Shown(dir)
                 << " is not empty and is not a device folder; choose a new or empty folder\n";
             return kUnusable;
         case FolderKind::NotADirectory:
-            err << "zepdiag: " << dir.string() << " exists and is not a folder\n";
+            err << "zepdiag: " << Shown(dir) << " exists and is not a folder\n";
             return kUnusable;
         case FolderKind::Missing:
         case FolderKind::Empty: break;
     }
-    return CreateDemo(dir, out, err) ? 0 : kUnusable;
+    if (!CreateDemo(dir, out, err)) return kUnusable;
+    return ImportRegistry(dir, out, err) ? 0 : kFailure;
 }
 
 void ReportNotADevice(const fs::path& dir, std::ostream& err) {
-    err << "zepdiag: " << dir.string()
+    err << "zepdiag: " << Shown(dir)
         << " is not a device folder (it has neither device.json nor programdata/); "
            "create one with 'zepdiag init --device <new folder>'\n";
 }
@@ -91,12 +111,12 @@ bool PrepareDeviceFolder(const fs::path& dir, std::ostream& out, std::ostream& e
     switch (InspectDeviceFolder(dir)) {
         case FolderKind::Device: return true;
         case FolderKind::Missing:
-        case FolderKind::Empty: return CreateDemo(dir, out, err);
+        case FolderKind::Empty: return CreateDemo(dir, out, err) && ImportRegistry(dir, out, err);
         case FolderKind::Other:
             ReportNotADevice(dir, err);
             return false;
         case FolderKind::NotADirectory:
-            err << "zepdiag: " << dir.string() << " exists and is not a folder\n";
+            err << "zepdiag: " << Shown(dir) << " exists and is not a folder\n";
             return false;
     }
     return false;
@@ -145,7 +165,7 @@ std::string ElevationName(zep::platform::ElevationType elevation) {
     return "none";
 }
 
-fs::path FolderPath(const std::wstring& folder) { return fs::path(zep::text::EncodeFileName(folder)); }
+fs::path FolderPath(const std::wstring& folder) { return zep::path::ToFs(folder); }
 
 // The plug-ins a request names, with the folders of their running instances
 // as the module itself resolves them, and each folder's history before the run.
@@ -263,7 +283,7 @@ int RunOnline(const Session& session, const Options& options, std::ostream& out)
     const RunActivity done = ActivitySince(session.dir, activity);
     if (options.json) {
         Json::Value document(Json::objectValue);
-        document["deviceFolder"] = session.dir.string();
+        document["deviceFolder"] = Shown(session.dir);
         document["delivered"] = true;
         MergeInto(document, ActivityJson(done));
         document.removeMember("historyLine");
@@ -274,11 +294,11 @@ int RunOnline(const Session& session, const Options& options, std::ostream& out)
             Json::Value change = PluginHistoryChangeJson(folder, before);
             if (!change.isNull()) document["plugins"].append(std::move(change));
         }
-        document["moduleLog"] = ModuleLogPath(session.dir).string();
+        document["moduleLog"] = Shown(ModuleLogPath(session.dir));
         out << JsonText(document);
         return 0;
     }
-    out << "Device folder:     " << session.dir.string() << '\n'
+    out << "Device folder:     " << Shown(session.dir) << '\n'
         << "The online notification was delivered to the module.\n\n"
         << FormatUploads(session.dir, done) << '\n'
         << FormatHistoryLine("History before", lastBefore, "none")
@@ -288,7 +308,7 @@ int RunOnline(const Session& session, const Options& options, std::ostream& out)
         const std::string change = FormatPluginHistoryChange(folder, before);
         if (!change.empty()) out << change << '\n';
     }
-    out << FormatEvents(done) << "Module log:        " << ModuleLogPath(session.dir).string() << '\n';
+    out << FormatEvents(done) << "Module log:        " << Shown(ModuleLogPath(session.dir)) << '\n';
     return 0;
 }
 
@@ -297,22 +317,22 @@ int RunHistory(const fs::path& dir, const Options& options, std::ostream& out, s
     switch (InspectDeviceFolder(dir)) {
         case FolderKind::Device: break;
         case FolderKind::Missing:
-            err << "zepdiag: " << dir.string() << " does not exist; create a device folder with 'zepdiag init --device "
-                << dir.string() << "'\n";
+            err << "zepdiag: " << Shown(dir) << " does not exist; create a device folder with 'zepdiag init --device "
+                << Shown(dir) << "'\n";
             return kUnusable;
         case FolderKind::Empty:
         case FolderKind::Other:
             ReportNotADevice(dir, err);
             return kUnusable;
         case FolderKind::NotADirectory:
-            err << "zepdiag: " << dir.string() << " exists and is not a folder\n";
+            err << "zepdiag: " << Shown(dir) << " exists and is not a folder\n";
             return kUnusable;
     }
     if (options.json) {
         out << JsonText(HistoryJson(dir, ReadScanHistory(dir)));
         return 0;
     }
-    out << "Scan history:      " << ScanHistoryPath(dir).string() << "\n\n"
+    out << "Scan history:      " << Shown(ScanHistoryPath(dir)) << "\n\n"
         << FormatHistoryTable(ReadScanHistory(dir));
     return 0;
 }
@@ -327,9 +347,9 @@ std::unique_ptr<zep::platform::FileLock> LockDeviceFolder(const fs::path& dir, b
     auto lock = folder ? folder->Lock(zep::text::FromUtf8(kRunLockName), wait, &status) : nullptr;
     if (lock) return lock;
     if (status.error == zep::platform::FsError::Busy) {
-        err << "zepdiag: " << dir.string() << " is in use by another zepdiag run (--no-wait: not waiting)\n";
+        err << "zepdiag: " << Shown(dir) << " is in use by another zepdiag run (--no-wait: not waiting)\n";
     } else {
-        err << "zepdiag: cannot lock " << dir.string() << ": " << status.message << '\n';
+        err << "zepdiag: cannot lock " << Shown(dir) << ": " << status.message << '\n';
     }
     return nullptr;
 }
@@ -355,9 +375,25 @@ int Run(const Options& options, std::ostream& out, std::ostream& err) {
     // With --json, standard output holds the document alone.
     if (!PrepareDeviceFolder(dir, options.json ? err : out, err)) return kUnusable;
 
-    if (options.command == Command::Serve) return serve::RunServe(options.serve, dir, err);
+    if (options.command == Command::Serve) {
+#ifdef _WIN32
+        // On Windows the agent's service talks to the cloud.
+        err << "zepdiag: serve runs on Linux only\n";
+        return kUnusable;
+#else
+        return serve::RunServe(options.serve, dir, err);
+#endif
+    }
     const auto hub = NewHub();
-    const Session session = StartModule(dir, hub, DeviceFolderEnv(dir, hub));
+    zep::platform::Env env = DeviceFolderEnv(dir, hub);
+    if (options.native) {
+        env.collection = zep::platform::NativeCollectionEnv();
+        if (!env.collection) {
+            err << "zepdiag: --native: no native collection in this build yet; scans collect with PowerShell\n";
+            return kUnusable;
+        }
+    }
+    const Session session = StartModule(dir, hub, std::move(env));
     switch (options.command) {
         case Command::Scan: return RunScan(session, options, out);
         case Command::Notify: return RunNotify(session, options, out);

@@ -7,18 +7,10 @@
 
 #include "DiagnosticScanner/PlatformPolicy.h"
 #include "serve/Endpoint.h"
+#include "serve/ServeOptions.h"
 #include "serve/TlsPolicy.h"
 
 namespace zepdiag::serve {
-
-// The options of `zepdiag serve`; empty means not given.
-struct ServeOptions {
-    std::string broker;     // --broker mqtt[s]://host:port
-    std::string uploadUrl;  // --upload-url https://...
-    std::string ca;         // --ca FILE
-    std::string cert;       // --cert FILE (with --key)
-    std::string key;        // --key FILE
-};
 
 struct ServeSettings {
     Endpoint broker;

@@ -45,4 +45,11 @@ DIAGSCANNER_API bool ReadDeviceFile(const std::wstring& path, std::uint64_t limi
 // The same for the end of a file: at most `maxBytes`, from a line start on.
 DIAGSCANNER_API bool ReadDeviceFileTail(const std::wstring& path, std::uint64_t maxBytes, std::string& contents);
 
+// Imports DIR/registry.reg into the system's registry with the registry
+// editor ("regedit.exe /s"), for platforms whose registry is the system's
+// own (registryFromFile off). Every key and value of the file is read back
+// afterwards. True when there is nothing to import or everything arrived;
+// otherwise false, with what went wrong in `problem`.
+DIAGSCANNER_API bool ImportRegistryFile(const Env& env, const std::wstring& deviceDir, std::string& problem);
+
 }  // namespace zep::platform

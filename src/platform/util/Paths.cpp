@@ -44,4 +44,20 @@ std::wstring FromFs(const std::filesystem::path& path) {
 #endif
 }
 
+std::string NarrowPath(const std::filesystem::path& path) {
+#ifdef _WIN32
+    return text::ToUtf8(path.native());
+#else
+    return path.native();
+#endif
+}
+
+std::filesystem::path FromNarrow(const std::string& narrow) {
+#ifdef _WIN32
+    return std::filesystem::path(text::FromUtf8(narrow));
+#else
+    return std::filesystem::path(narrow);
+#endif
+}
+
 }  // namespace zep::path

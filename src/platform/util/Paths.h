@@ -34,4 +34,11 @@ std::wstring ExtendedAbsolute(const std::wstring& path);
 DIAGSCANNER_API std::filesystem::path ToFs(const std::wstring& path);
 DIAGSCANNER_API std::wstring FromFs(const std::filesystem::path& path);
 
+// A path as narrow text for C libraries (libzip) and for output: its own
+// bytes on POSIX, UTF-8 on Windows (whose narrow functions would take the
+// ANSI code page and lose what it cannot spell).
+DIAGSCANNER_API std::string NarrowPath(const std::filesystem::path& path);
+// The inverse of NarrowPath: a command-line argument or a libzip name.
+DIAGSCANNER_API std::filesystem::path FromNarrow(const std::string& narrow);
+
 }  // namespace zep::path
