@@ -36,8 +36,8 @@ TEST_F(CreateZipTest, SourceIsDeletedOnlyWhenTheLaunchSucceededAndTheZipExists) 
     platform.env.collection = std::make_shared<zep::artifacts::PowerShellCollection>(&hostToken);
     platform.Reinstall();
     peer->SetHostContext(&hostToken);
-    const std::wstring latest = platform.root + L"/programdata/diagnostics/latest";
-    const std::wstring staging = latest + L"/LD-TEST01_scan1";
+    const std::wstring latest = platform.root + zep::path::NativePath(L"\\programdata\\diagnostics\\latest");
+    const std::wstring staging = latest + zep::path::NativePath(L"\\LD-TEST01_scan1");
     const std::wstring zip = staging + L".zip";
 
     std::size_t launched = 0;
@@ -56,7 +56,8 @@ TEST_F(CreateZipTest, SourceIsDeletedOnlyWhenTheLaunchSucceededAndTheZipExists) 
         ASSERT_EQ(lines.size(), ++launched);
         EXPECT_EQ(lines.back(), L"C:\\Windows\\System32\\WindowsPowerShell\\v1.0\\powershell.exe -ExecutionPolicy "
                                 L"bypass -NoProfile -NonInteractive -WindowStyle Hidden -Command \"Compress-Archive "
-                                L"-Path '" + staging + L"/*' -DestinationPath '" + zip + L"'\"");
+                                L"-Path '" + zep::testing::Extended(staging + zep::path::NativePath(L"\\*")) +
+                                L"' -DestinationPath '" + zep::testing::Extended(zip) + L"'\"");
         EXPECT_EQ(platform.processes->lastHostContext, &hostToken);
         EXPECT_EQ(fs::exists(ToFs(staging)), !c.sourceDeleted);
     }

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "artifacts/PowerShellCollection.h"
+#include "platform/util/Paths.h"
 #include "support/TestPlatform.h"
 
 namespace {
@@ -22,9 +23,10 @@ TEST(PowerShellCollectionTest, EachOperationLaunchesExactlyItsCommandLine) {
     int hostToken = 0;
     PowerShellCollection collection{&hostToken};
     // A folder with a single quote: only the scripts that quote it may double it.
-    const std::wstring logs = platform.root + L"/it's/ZEP/Log";
-    const std::wstring quoted = platform.root + L"/it''s/ZEP/Log";
-    const std::wstring source = platform.root + L"/programdata/Log";
+    const auto below = [&](const wchar_t* literal) { return platform.root + zep::path::NativePath(literal); };
+    const auto extended = [&](const wchar_t* literal) { return zep::testing::Extended(below(literal)); };
+    const std::wstring logs = below(L"\\it's\\ZEP\\Log");
+    const std::wstring source = below(L"\\programdata\\Log");
 
     struct Case {
         std::function<int()> run;
@@ -32,26 +34,27 @@ TEST(PowerShellCollectionTest, EachOperationLaunchesExactlyItsCommandLine) {
     };
     const Case cases[] = {
         {[&] { return collection.CopyLogs(source, logs, 1234); },
-         kPowerShell + L" \"copy-item -Path " + source + L"\\* -destination " + logs +
-             L" -recurse -Force -erroraction ignore\""},
+         kPowerShell + L" \"copy-item -Path " + extended(L"\\programdata\\Log") + L"\\* -destination " +
+             extended(L"\\it's\\ZEP\\Log") + L" -recurse -Force -erroraction ignore\""},
         {[&] { return collection.RemoveArchives(logs); },
-         kPowerShell + L" \"Get-ChildItem -Path " + logs + L" -include *.zip -File -Recurse | foreach{$_.Delete()}\""},
+         kPowerShell + L" \"Get-ChildItem -Path " + extended(L"\\it's\\ZEP\\Log") +
+             L" -include *.zip -File -Recurse | foreach{$_.Delete()}\""},
         // The limit is the script's own 50 MB whatever the caller asks.
         {[&] { return collection.LimitLogSize(logs, 1); },
-         kPowerShell + L" \"$rootFolder='" + quoted +
+         kPowerShell + L" \"$rootFolder='" + extended(L"\\it''s\\ZEP\\Log") +
              L"';$sizeLimitBytes=50MB;$totalSizeBytes=0;Get-ChildItem -Path $rootFolder -File -Recurse|"
              L"Sort-Object LastWriteTime -descending|ForEach-Object{if(($totalSizeBytes += $_.Length) -gt "
              L"$sizeLimitBytes){Remove-Item -Path $_.FullName -Force}}\""},
         {[&] { return collection.ScrubLogs(logs); },
-         kPowerShell + L" \"Get-ChildItem -Path " + logs +
+         kPowerShell + L" \"Get-ChildItem -Path " + extended(L"\\it's\\ZEP\\Log") +
              L" -File|ForEach-Object{(Get-Content $_.FullName)| ForEach-Object{if ($_ -notmatch "
              L"'version'){$_ -replace '(?<=\\\")(\\d{1,3}\\.\\d{1,3}\\.\\d{1,3}\\.\\d{1,3})(?=\\\")', "
              L"'[REDACTED_IP]'}else{$_}}|Set-Content $_.FullName }\""},
         {[&] { return collection.ExportRegistry(L"SOFTWARE\\Quorin\\ZEP", L"C:\\stage\\ZEP\\context\\zep.reg"); },
          L"C:\\Windows\\regedit.exe /e \"C:\\stage\\ZEP\\context\\zep.reg\" HKEY_LOCAL_MACHINE\\SOFTWARE\\Quorin\\ZEP"},
-        {[&] { return collection.CompressFolder(platform.root + L"/it's/stage", platform.root + L"/it's/out.zip"); },
-         kPowerShell + L" -Command \"Compress-Archive -Path '" + platform.root + L"/it''s/stage/*' -DestinationPath '" +
-             platform.root + L"/it''s/out.zip'\""},
+        {[&] { return collection.CompressFolder(below(L"\\it's\\stage"), below(L"\\it's\\out.zip")); },
+         kPowerShell + L" -Command \"Compress-Archive -Path '" + extended(L"\\it''s\\stage\\*") +
+             L"' -DestinationPath '" + extended(L"\\it''s\\out.zip") + L"'\""},
         {[&] { return collection.RunPackageScript(L"C:\\repo\\pkg\\temp\\install.ps1", L"C:\\out\\pkg"); },
          kPowerShell + L" /f \"C:\\repo\\pkg\\temp\\install.ps1\" -command \"get-diagnostics\" -outDir \"C:\\out\\pkg\""},
     };

@@ -53,6 +53,7 @@ protected:
 };
 
 TEST_F(StagingTest, ZipHoldsTheComponentsTheAgentsContextAndTheScanResult) {
+    ZEP_REQUIRE_NATIVE_COLLECTION();
     WriteText(programdata / "DB" / "old\xFF.db", "old");
     WriteResult("ZEP");
     WriteResult("com.quorin.vpn");
@@ -79,6 +80,7 @@ TEST_F(StagingTest, ZipHoldsTheComponentsTheAgentsContextAndTheScanResult) {
 
 // Without the agent's folder, or any temporary folder, what exists is still packed.
 TEST_F(StagingTest, WithoutTheAgentsFolderTheRestIsStillPacked) {
+    ZEP_REQUIRE_NATIVE_COLLECTION();
     for (const bool otherComponent : {false, true}) {
         if (otherComponent) WriteResult("com.quorin.vpn");
         manager->CreateZipFolder();
@@ -97,6 +99,7 @@ TEST_F(StagingTest, WithoutTheAgentsFolderTheRestIsStillPacked) {
 // A logical device id from outside can neither move the staging folder out of
 // the latest folder nor give the archive a name that the upload then misses.
 TEST_F(StagingTest, TheLogicalDeviceIdNeitherEscapesNorSplitsTheZipsName) {
+    ZEP_REQUIRE_NATIVE_COLLECTION();
     const std::pair<std::wstring, std::string> cases[] = {
         {L"LD:1?", "LD_1__scan1.zip"},
         {L"../../../escape", ".._.._.._escape_scan1.zip"},

@@ -84,15 +84,23 @@ TEST_F(OrchestrationTest, RequestIdsThatAreOneFileNameNameTheScanAndTheRestGetAG
         std::wstring scanName;  // empty: replaced by a GUID
     };
     std::string twoByteLetters;
-    for (int i = 0; i < 128; ++i) twoByteLetters += "\u00e9";  // 256 bytes as UTF-8
+    for (int i = 0; i < 128; ++i) twoByteLetters += "\u00e9";  // 256 bytes as UTF-8, 128 UTF-16 units
+    // What one system's file names allow, the other's may not.
+#ifdef _WIN32
+    const auto onlyOnPosix = [](const wchar_t*) { return std::wstring(); };
+    const std::wstring twoByteName(128, L'\u00e9');
+#else
+    const auto onlyOnPosix = [](const wchar_t* name) { return std::wstring(name); };
+    const std::wstring twoByteName;
+#endif
     const Case cases[] = {
-        {"urn:req:42", L"urn:req:42"},
+        {"urn:req:42", onlyOnPosix(L"urn:req:42")},
         {"with blanks", L"with blanks"},
         {std::string(129, 'a'), std::wstring(129, L'a')},
         {std::string(255, 'b'), std::wstring(255, L'b')},
-        {"name.", L"name."},
-        {"con", L"con"},
-        {"a\\\\b", L"a\\b"},
+        {"name.", onlyOnPosix(L"name.")},
+        {"con", onlyOnPosix(L"con")},
+        {"a\\\\b", onlyOnPosix(L"a\\b")},
         {"..", L""},
         {".", L""},
         {"../../victim", L""},
@@ -101,7 +109,7 @@ TEST_F(OrchestrationTest, RequestIdsThatAreOneFileNameNameTheScanAndTheRestGetAG
         {"\\u007f", L""},
         {"\\u0085", L""},
         {std::string(256, 'c'), L""},
-        {twoByteLetters, L""},
+        {twoByteLetters, twoByteName},
     };
     std::filesystem::create_directories(platform.rootPath / "victim");
     const auto latest = platform.rootPath / "programdata" / "diagnostics" / "latest";
@@ -118,7 +126,9 @@ TEST_F(OrchestrationTest, RequestIdsThatAreOneFileNameNameTheScanAndTheRestGetAG
         } else {
             EXPECT_EQ(name, c.scanName) << c.json;
         }
-        // Whatever its name, the scan's zip is found and uploaded.
+        // Whatever its name, the scan's zip is found and uploaded (where
+        // this system packs one).
+        if (!zep::platform::NativeCollectionEnv()) continue;
         const auto uploads = platform.storage->Uploads();
         ASSERT_FALSE(uploads.empty()) << c.json;
         EXPECT_TRUE(std::filesystem::is_regular_file(uploads.back().filePath)) << c.json;
@@ -189,6 +199,7 @@ TEST_F(OrchestrationTest, AnythingThrownOutOfAScanIsCaughtAndTheNextScanRuns) {
 // (no scan-result.json) but not the scan: what was staged is still zipped and
 // the scan lock is free for the next scan. A nesting bomb is just malformed.
 TEST_F(OrchestrationTest, HostilePackageDocumentsEndTheSummaryButNotTheScan) {
+    ZEP_REQUIRE_NATIVE_COLLECTION();
     platform.policy->Add(L"com.quorin.vpn", L"VPN");
     zep::testing::WriteText(platform.rootPath / "packages" / "com.quorin.vpn" / "temp" / "install.sh", "");
     std::string document = R"({"componentId":"com.quorin.vpn","executionTimeSeconds":"abc","tests":[]})";

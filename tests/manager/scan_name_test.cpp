@@ -11,6 +11,13 @@
 namespace zep::manager {
 namespace {
 
+// `text` `count` times over (an emoji is one wide character or two).
+std::wstring Repeated(const std::wstring& text, int count) {
+    std::wstring out;
+    for (int i = 0; i < count; ++i) out += text;
+    return out;
+}
+
 TEST(ScanNameTest, EachSystemsFileNameRules) {
     const struct {
         std::wstring name;
@@ -24,7 +31,7 @@ TEST(ScanNameTest, EachSystemsFileNameRules) {
         {std::wstring(255, L'a'), true, true},
         {std::wstring(256, L'a'), false, false},
         {std::wstring(128, L'\u00e9'), false, true},  // 256 bytes as UTF-8, 128 UTF-16 units
-        {std::wstring(128, L'\U0001F600'), false, false},  // 512 bytes, 256 units
+        {Repeated(L"\U0001F600", 128), false, false},  // 512 bytes, 256 units
         {L"name.", true, false},
         {L"name ", true, false},
         {L"a\\b", true, false},

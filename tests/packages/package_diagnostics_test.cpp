@@ -29,7 +29,9 @@ protected:
         platform.policy->Add(zep::text::FromUtf8(id), zep::text::FromUtf8(id + " display name"));
         WriteText(PackageTemp(id) / "install.sh", "#!/bin/sh\n");
     }
-    std::filesystem::path Output(const std::string& id) { return platform.rootPath / "temp/Quorin/Zep/scan1" / id; }
+    std::filesystem::path Output(const std::string& id) {
+        return platform.rootPath / "temp" / "Quorin" / "Zep" / "scan1" / id;
+    }
     // The script "runs" for `duration` on the fake clock, writes its own
     // result and ends with `exitCode`.
     void ScriptTakes(std::chrono::nanoseconds duration, int exitCode) {
@@ -45,6 +47,7 @@ protected:
 };
 
 TEST_F(PackageDiagnosticsTest, PackagesWithoutFolderScriptOrSafeIdAreSkipped) {
+    ZEP_REQUIRE_NATIVE_COLLECTION();
     platform.policy->Add(L"com.quorin.nofolder", L"No folder");
     platform.policy->Add(L"com.quorin.noscript", L"No script");
     WriteText(PackageTemp("com.quorin.noscript") / "install.ps1", "");  // the Windows script is not ours
@@ -64,6 +67,7 @@ TEST_F(PackageDiagnosticsTest, PackagesWithoutFolderScriptOrSafeIdAreSkipped) {
 // An argument vector, never a shell line, in the policy's order, under the
 // child-process ceiling (30 minutes unless the registry says otherwise).
 TEST_F(PackageDiagnosticsTest, ScriptRunsAsAnArgumentVectorInListOrderUnderTheCeiling) {
+    ZEP_REQUIRE_NATIVE_COLLECTION();
     InstallPackage("com.quorin.b");
     InstallPackage("com.quorin.a");
     manager->GenerateDiagnosticsForPackages();
@@ -94,13 +98,15 @@ TEST_F(PackageDiagnosticsTest, WindowsWayRunsThePowerShellCommandLine) {
                         L"-NoProfile -NonInteractive -WindowStyle Hidden /f \"" +
                             zep::path::FromFs(PackageTemp("com.quorin.vpn") / "install.ps1") +
                             L"\" -command \"get-diagnostics\" -outDir \"" + zep::path::FromFs(Output("com.quorin.vpn")) +
-                            L"\"");    // The child-process ceiling reaches the launcher on this road too.
+                            L"\"");
+    // The child-process ceiling reaches the launcher on this road too.
     EXPECT_EQ(platform.processes->lastCeiling, std::chrono::minutes(30));
 }
 
 // Judged after the script ended: exactly the time-out is in time and a quick
 // failure keeps the script's own result; only a longer run gets the time-out result.
 TEST_F(PackageDiagnosticsTest, TimeOutResultReplacesTheScriptsOnlyWhenItRanTooLong) {
+    ZEP_REQUIRE_NATIVE_COLLECTION();
     InstallPackage("com.quorin.slow");
     const auto ownResult = [&] { return ReadText(Output("com.quorin.slow") / "component-result.json"); };
     ScriptTakes(60s, 0);

@@ -1,6 +1,8 @@
 #include "platform/device/DeviceFolder.h"
 
+#ifndef _WIN32
 #include <sys/stat.h>
+#endif
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -16,7 +18,9 @@
 
 #include "platform/device/DeviceState.h"
 #include "platform/util/MemoryRegistry.h"
+#include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
+#include "support/Programs.h"
 #include "support/TestPlatform.h"
 
 namespace zep::platform {
@@ -34,13 +38,15 @@ constexpr const char* kDemoManifest =
 // Written beside and renamed over, as editors and the agent do: the new file
 // may well have the old one's size and time stamp.
 void Replace(const fs::path& path, const std::string& bytes) {
-    WriteText(path.string() + ".new", bytes);
-    fs::rename(path.string() + ".new", path);
+    fs::path aside = path;
+    aside += ".new";
+    WriteText(aside, bytes);
+    fs::rename(aside, path);
 }
 
 std::set<std::string> Names(const fs::path& folder) {
     std::set<std::string> names;
-    for (const auto& entry : fs::directory_iterator(folder)) names.insert(entry.path().filename().string());
+    for (const auto& entry : fs::directory_iterator(folder)) names.insert(path::NarrowPath(entry.path().filename()));
     return names;
 }
 
@@ -64,13 +70,33 @@ protected:
     fs::path LogPath(const std::string& suffix = "") const {
         return dir / "programdata" / "Log" / ("ZEPDiagnostics.log" + suffix);
     }
-    int Upload() { return env.storage->UploadDiagResult(zip.string(), false, "{}", ""); }
-    // plugins/demo with its manifest and run.sh as its program.
-    fs::path Plugin(const std::string& manifest, const std::string& script = "") {
+    int Upload() { return env.storage->UploadDiagResult(path::NarrowPath(zip), false, "{}", ""); }
+
+    // What the plug-in's program does when it is run.
+    enum class Behaviour { Nothing, ExitWithStatusFile, Hang, PrintAnswerFile };
+
+    // plugins/demo with its manifest and a program that does `behaviour`
+    // (a shell script run.sh; on Windows, where the manifest's "run.sh"
+    // names the tests' child program, a file telling that program what to do).
+    fs::path Plugin(std::string manifest, Behaviour behaviour = Behaviour::Nothing) {
         const fs::path folder = dir / "plugins" / "demo";
-        WriteText(folder / "plugin.json", manifest);
-        WriteText(folder / "run.sh", "#!/bin/sh\n" + script);
+#ifdef _WIN32
+        std::string program;
+        for (const char c : path::NarrowPath(testing::ProgramBesideTests("test-child"))) {
+            program += c == '\\' ? std::string("\\\\") : std::string(1, c);
+        }
+        if (const std::size_t at = manifest.find("\"run.sh\""); at != std::string::npos) {
+            manifest.replace(at + 1, 6, program);
+        }
+        const char* kWords[] = {"", "status", "hang", "answer"};
+        WriteText(folder / "behaviour", kWords[static_cast<int>(behaviour)]);
+#else
+        const char* kScripts[] = {"", "exit \"$(cat \"$(dirname \"$0\")/status\")\"\n", "sleep 20\n",
+                                  "cat \"$(dirname \"$0\")/answer\"\n"};
+        WriteText(folder / "run.sh", std::string("#!/bin/sh\n") + kScripts[static_cast<int>(behaviour)]);
         ::chmod((folder / "run.sh").c_str(), 0755);
+#endif
+        WriteText(folder / "plugin.json", manifest);
         return folder;
     }
     DiagnosticsOperationResult Send() {
@@ -81,7 +107,8 @@ protected:
     const fs::path dir = platform.rootPath;
     const fs::path file = dir / "device.json";
     const fs::path zip = dir / "LD-1_scan-7.zip";
-    Env env = MakeDeviceFolderEnv(platform.root, platform.hub);
+    // registry.reg stands in for the registry here on every system.
+    Env env = MakeDeviceFolderEnv(platform.root, platform.hub, DeviceFolderOptions{true});
 };
 
 TEST_F(DeviceFolderTest, MissingOrMalformedDeviceJsonGivesAnAbsentDevice) {
@@ -94,6 +121,7 @@ TEST_F(DeviceFolderTest, MissingOrMalformedDeviceJsonGivesAnAbsentDevice) {
     }
 }
 
+#ifndef _WIN32
 // Every document of the folder goes through one reader: a FIFO in a
 // document's place is refused at once (it would otherwise hang every scan for
 // good), and one larger than its limit is not read at all.
@@ -118,6 +146,8 @@ TEST_F(DeviceFolderTest, FifosAndOversizedDocumentsReadAsAbsent) {
     ExpectAbsentDevice();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 }
+
+#endif
 
 TEST_F(DeviceFolderTest, DeviceJsonChangesArePickedUp) {
     // Same size, rewritten in place: only the modification time tells.
@@ -205,7 +235,8 @@ TEST_F(DeviceFolderTest, ConcurrentUploadsNeverShareAFolder) {
             const Env own = MakeDeviceFolderEnv(platform.root, platform.hub);
             for (ready.fetch_add(1); ready.load() < kThreads;) std::this_thread::yield();  // start together
             for (int i = 0; i < kEach; ++i) {
-                EXPECT_EQ(own.storage->UploadDiagResult(zip.string(), false, std::to_string(t * 100 + i), ""), 0);
+                EXPECT_EQ(
+                    own.storage->UploadDiagResult(path::NarrowPath(zip), false, std::to_string(t * 100 + i), ""), 0);
             }
         });
     }
@@ -223,7 +254,7 @@ TEST_F(DeviceFolderTest, ForcedResultsAreTakenOneLinePerUploadAndNoTokenIsWritte
     EXPECT_FALSE(fs::exists(dir / "outbox/0001"));  // nothing was uploaded
     EXPECT_EQ(ReadText(dir / "upload-results"), "\n0\n");
     const std::string metadata = "{\r\n\t\"note\": \"Gr\xc3\xbc\xc3\x9f\"   }";  // not re-serialised
-    EXPECT_EQ(env.storage->UploadDiagResult(zip.string(), true, metadata, "eyJ0.secret-payload.sig"), 0);
+    EXPECT_EQ(env.storage->UploadDiagResult(path::NarrowPath(zip), true, metadata, "eyJ0.secret-payload.sig"), 0);
     EXPECT_EQ(ReadText(dir / "outbox/0001/LD-1_scan-7.zip.metadata.json"), metadata);
     for (const auto& name : Names(dir / "outbox/0001")) {  // the token is never written
         EXPECT_EQ(ReadText(dir / "outbox/0001" / name).find("secret-payload"), std::string::npos) << name;
@@ -247,7 +278,7 @@ TEST_F(DeviceFolderTest, ResolvesRunningInstancesOfAValidPluginFolderOnly) {
     };
     ASSERT_TRUE(resolve(L"DeMo"));  // targets arrive in any letter case
     EXPECT_EQ(id, L"com.q.demo");
-    WriteText(dir / "plugins" / "\xC3\x89tude" / "plugin.json", kDemoManifest);  // "Étude"
+    WriteText(dir / "plugins" / path::FromNarrow("\xC3\x89tude") / "plugin.json", kDemoManifest);  // "Étude"
     EXPECT_TRUE(resolve(L"\u00e9TUDE")) << "beyond ASCII too";
     EXPECT_THAT(elevations, ::testing::ElementsAre(Elevated, User));  // listed order; no system instance runs
 
@@ -276,7 +307,7 @@ TEST_F(DeviceFolderTest, ResolvesRunningInstancesOfAValidPluginFolderOnly) {
 
 TEST_F(DeviceFolderTest, SendOutcomeFollowsExitStatusAndTimeOut) {
     WriteText(dir / "device.json", R"({"pluginTimeoutSeconds": 1})");
-    const fs::path folder = Plugin(kDemoManifest, "exit \"$(cat \"$(dirname \"$0\")/status\")\"\n");
+    const fs::path folder = Plugin(kDemoManifest, Behaviour::ExitWithStatusFile);
     WriteText(folder / "status", "0");
     DiagnosticsOperationResult result = Send();
     EXPECT_TRUE(result.delivered && result.isSuccess && !result.timeout);
@@ -284,7 +315,7 @@ TEST_F(DeviceFolderTest, SendOutcomeFollowsExitStatusAndTimeOut) {
     result = Send();
     EXPECT_TRUE(result.delivered && !result.isSuccess && !result.timeout);
 
-    Plugin(kDemoManifest, "sleep 20\n");
+    Plugin(kDemoManifest, Behaviour::Hang);
     const auto start = std::chrono::steady_clock::now();
     result = Send();
     EXPECT_TRUE(result.timeout && !result.delivered && !result.isSuccess);
@@ -297,7 +328,7 @@ TEST_F(DeviceFolderTest, SendOutcomeFollowsExitStatusAndTimeOut) {
 }
 
 TEST_F(DeviceFolderTest, DeletePreferenceIsTheLastAnswerOnStandardOutput) {
-    const fs::path folder = Plugin(kDemoManifest, "cat \"$(dirname \"$0\")/answer\"\n");
+    const fs::path folder = Plugin(kDemoManifest, Behaviour::PrintAnswerFile);
     const std::pair<const char*, bool> cases[] = {
         {"{\n\t\"deleteFilesOnUpload\" : true\n}\n", true},
         {"collecting...\n{\"deleteFilesOnUpload\": true}\n", true},
@@ -313,7 +344,7 @@ TEST_F(DeviceFolderTest, DeletePreferenceIsTheLastAnswerOnStandardOutput) {
 // Output is kept to its last MiB, whose first line may be a fragment: the
 // answer at the end still counts, and the cut is logged.
 TEST_F(DeviceFolderTest, OnlyTheLastMebibyteOfOutputIsReadAndTheCutIsLogged) {
-    const fs::path folder = Plugin(kDemoManifest, "cat \"$(dirname \"$0\")/answer\"\n");
+    const fs::path folder = Plugin(kDemoManifest, Behaviour::PrintAnswerFile);
     const std::string answer = "{\"deleteFilesOnUpload\": true}\n";
     const std::pair<std::string, bool> cases[] = {
         {std::string(3 << 20, '.') + "\n" + answer, true},

@@ -9,6 +9,7 @@
 #include "platform/agent/CommonBase.h"
 #include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
+#include "support/Links.h"
 #include "support/TestPlatform.h"
 
 namespace zep {
@@ -56,6 +57,12 @@ TEST(CaseTest, SimpleCaseMappingCoversUnicodeInAnyGlobalLocale) {
         std::setlocale(LC_ALL, global);
         for (const auto& c : cases) {
             SCOPED_TRACE(text::ToUtf8(c.text) + " in " + global);
+            // Windows maps the final sigma up and the dotted capital I down;
+            // Wine's case table leaves both as they are.
+            if (testing::RunningUnderWine() && std::wstring_view(c.text).find_first_of(L"\u03c2\u0130") !=
+                                                   std::wstring_view::npos) {
+                continue;
+            }
             EXPECT_EQ(text::Lower(c.text), c.lower);
             EXPECT_EQ(text::Upper(c.text), c.upper);
             EXPECT_TRUE(String::CaseInsesitiveEqual(c.text, c.lower));
@@ -69,6 +76,15 @@ TEST(CaseTest, SimpleCaseMappingCoversUnicodeInAnyGlobalLocale) {
 // The listing of the agent's folder names each file it lists: bytes that are
 // not text are escaped, and no real name can look like an escape.
 TEST(FileNameTest, ListingTextEscapesWhatIsNotTextReversibly) {
+#ifdef _WIN32
+    // Names are UTF-16: only a lone surrogate is not text, and its escape
+    // cannot be a real name ('<' is not allowed in one).
+    const std::pair<std::wstring, std::string> wide[] = {
+        {L"C:\\p\\caf\u00e9.log", "C:\\p\\caf\xC3\xA9.log"},
+        {std::wstring(L"C:\\p\\caf") + static_cast<wchar_t>(0xDCE9) + L".log", "C:\\p\\caf<U+DCE9>.log"},
+    };
+    for (const auto& [name, line] : wide) EXPECT_EQ(text::ListingText(name), line);
+#else
     const std::pair<std::string, std::string> cases[] = {
         {"/p/caf\xC3\xA9.log", "/p/caf\xC3\xA9.log"},
         {"/p/caf\xE9.log", "/p/caf\\xE9.log"},
@@ -79,6 +95,7 @@ TEST(FileNameTest, ListingTextEscapesWhatIsNotTextReversibly) {
     for (const auto& [bytes, line] : cases) {
         EXPECT_EQ(text::ListingText(text::DecodeFileName(bytes)), line) << bytes;
     }
+#endif
 }
 
 TEST(FileNameTest, AnyBytesRoundTripThroughWideText) {
@@ -94,20 +111,34 @@ TEST(FileNameTest, AnyBytesRoundTripThroughWideText) {
     EXPECT_EQ(text::DecodeFileName("Z\xC3\xBCrich-\xF0\x9F\x98\x80"), L"Z\u00FCrich-\U0001F600");
 }
 
-TEST(PathTest, NativePathUsesForwardSlashes) {
+TEST(PathTest, NativePathUsesTheSystemsSeparator) {
+#ifdef _WIN32
+    EXPECT_EQ(path::NativePath(L"\\diagnostics\\latest\\"), L"\\diagnostics\\latest\\");
+#else
     EXPECT_EQ(path::NativePath(L"\\diagnostics\\latest\\"), L"/diagnostics/latest/");
     EXPECT_EQ(path::NativePath(L"already/native"), L"already/native");
+#endif
 }
 
-TEST(PathTest, AFileWithANonUtf8NameIsFoundThroughItsWidePath) {
+TEST(PathTest, AFileIsFoundThroughItsWidePathWhateverItsName) {
     testing::TestPlatform platform;
+#ifdef _WIN32
+    // Characters that the ANSI code page cannot spell.
+    const std::filesystem::path file = platform.rootPath / std::wstring(L"caf\u00e9-\u65e5\u672c-\U0001F600.txt");
+    // What the ANSI code page makes of it.
+    std::wstring lossy = file.native();
+    for (wchar_t& c : lossy) c = c < 0x80 ? c : L'?';
+#else
+    // A name that is not UTF-8.
     const std::filesystem::path file = platform.rootPath / std::string("caf\xE9-\xFF.txt");
+    const std::wstring lossy = text::FromUtf8(file.native());
+#endif
     testing::WriteText(file, "x");
     const std::wstring wide = path::FromFs(file);
     EXPECT_EQ(path::ToFs(wide).native(), file.native());
     EXPECT_EQ(FileSystem::fileSize(wide), 1u);
     // A lossy conversion would name a different file.
-    EXPECT_FALSE(FileSystem::fileExists(text::FromUtf8(file.native())));
+    EXPECT_FALSE(FileSystem::fileExists(lossy));
     std::vector<std::wstring> listed;
     FileSystem::GetFileListForFolder(platform.root, L".txt", listed);
     EXPECT_THAT(listed, ::testing::Contains(wide));

@@ -18,6 +18,7 @@
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
 #include "support/PluginProcessorPeer.h"
 #include "platform/util/Paths.h"
+#include "support/Links.h"
 #include "support/ManagerFixture.h"
 #include "support/ZipReader.h"
 
@@ -59,7 +60,7 @@ Json::Value Parse(const std::string& text) {
 
 // The history line of one request finished at `time`.
 std::string Line(const char* statuses, const char* time = "10:15:30") {
-    return std::string("2026-11-21T") + time + "Z,Mqtt," + statuses + ",0,\"\"\n";
+    return std::string("2026-11-21T") + time + "Z,Mqtt," + statuses + ",0,\"\"" + zep::testing::kHistoryLineEnd;
 }
 
 class PluginRequestTest : public ManagerTest {
@@ -146,6 +147,7 @@ class PluginOutcomeTest : public PluginRequestTest,
                           public ::testing::WithParamInterface<std::tuple<OutcomeCase, bool>> {};
 
 TEST_P(PluginOutcomeTest, LeavesTheDocumentsHistoryAndFilesOfItsOutcome) {
+    ZEP_REQUIRE_NATIVE_COLLECTION();
     const auto& [c, deleteWish] = GetParam();
     DiagnosticsOperationResult answer = c.answer;
     answer.deleteFilesOnUpload = deleteWish;
@@ -192,6 +194,7 @@ INSTANTIATE_TEST_SUITE_P(Outcomes, PluginOutcomeTest,
                          });
 
 TEST_F(PluginRequestTest, ThePluginsOwnResultIsKeptOnSuccessAndOverwrittenOnTimeOut) {
+    ZEP_REQUIRE_NATIVE_COLLECTION();
     Request();
     EXPECT_EQ(ReadText(ElevatedFolder() / "component-result.json"), pluginResult);
     EXPECT_EQ(ZipRead(ZipFile(), "component-result.json"),
@@ -224,6 +227,7 @@ TEST(PluginFailedTestsTest, CountsObjectsWhoseActualAndExpectedTextsDiffer) {
 }
 
 TEST_F(PluginRequestTest, ElevatedAndUserInstancesHaveFoldersZipsAndUploadsOfTheirOwn) {
+    ZEP_REQUIRE_NATIVE_COLLECTION();
     LogInUser();
     pluginResult.clear();
     platform.extensions->plugins[L"pluginx"].elevations = {ElevationType::Elevated, ElevationType::User};
@@ -262,9 +266,13 @@ TEST_F(PluginRequestTest, ALinkInTheUsersPluginFolderLeadsTheAgentNowhere) {
         return state;
     };
     const auto plantLink = [&](const fs::path& where, const fs::path& target) {
-        fs::remove_all(where);
+        if (zep::testing::IsLink(where)) {
+            zep::testing::RemoveLink(where);
+        } else {
+            zep::testing::RemoveTree(where);
+        }
         fs::create_directories(where.parent_path());
-        fs::create_directory_symlink(target, where);
+        ASSERT_TRUE(zep::testing::MakeFolderLink(where, target));
     };
     for (const auto* folder : {"", "com.quorin.pluginx/diagnostics/"}) {
         WriteText(victim / folder / "context" / "secret.txt", "secret");
@@ -282,7 +290,7 @@ TEST_F(PluginRequestTest, ALinkInTheUsersPluginFolderLeadsTheAgentNowhere) {
     EXPECT_EQ(platform.log->Count("elevation : 2, folder creation failed"), 2u);
 
     // The plug-in swaps its real folder for a link while it answers.
-    fs::remove(UserFolder().parent_path().parent_path());
+    zep::testing::RemoveLink(UserFolder().parent_path().parent_path());
     platform.extensions->onSend = [&](const ScriptedExtensions::Command&) { plantLink(UserFolder(), victim); };
     Request();
     EXPECT_EQ(platform.extensions->Commands().size(), 1u);
@@ -308,6 +316,7 @@ TEST_F(PluginRequestTest, ADeviceIdWithSeparatorsKeepsTheZipInLatest) {
 }
 
 TEST_F(PluginRequestTest, AUserInstanceWithNobodyLoggedInIsSkippedAndTheNextElevationStillRuns) {
+    ZEP_REQUIRE_NATIVE_COLLECTION();
     platform.extensions->plugins[L"pluginx"].elevations = {ElevationType::User, ElevationType::Elevated};
 
     Request();
@@ -329,6 +338,7 @@ TEST_F(PluginRequestTest, TargetsAndIdsThatReachNoSafeFolderAskNobody) {
 }
 
 TEST_F(PluginRequestTest, TheZipNeedsFiftyMebibytesFree) {
+    ZEP_REQUIRE_NATIVE_COLLECTION();
     WriteText(ElevatedFolder() / "plugin.log", "trace");
     auto disk = InstallSmallDisk();
     for (const std::uint64_t free : {52428799u, 52428800u}) {
@@ -339,6 +349,7 @@ TEST_F(PluginRequestTest, TheZipNeedsFiftyMebibytesFree) {
 }
 
 TEST_F(PluginRequestTest, TheZipPacksTheTopLevelAndLatestScanResultButNotHistoryPreferenceArchivesOrLinks) {
+    ZEP_REQUIRE_NATIVE_COLLECTION();
     const fs::path diag = ElevatedFolder();
     WriteText(diag / "plugin.log", "trace");
     WriteText(diag / "traces" / "run1" / "trace.etl", "etl");

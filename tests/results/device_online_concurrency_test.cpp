@@ -90,7 +90,7 @@ protected:
 TEST_F(DeviceOnlineConcurrencyTest, TheResumeWaitsForTheRunningScanAndCompletesItsUpload) {
     // An earlier scan left offline: resumed at once, it would be uploaded now.
     WriteText(Latest() / "scan-result.json", R"({"id":"earlier-scan","failTestCount":0,"problemSignature":""})");
-    const std::string earlier = "T0,Mqtt,2,1,0,\"\"\n";
+    const std::string earlier = std::string("T0,Mqtt,2,1,0,\"\"") + zep::testing::kHistoryLineEnd;
     WriteText(History(), earlier);
 
     manager->StartDiagnosticsScan(DiagnosticsManager::kManualScanRequest, std::nullopt);

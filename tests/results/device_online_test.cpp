@@ -14,7 +14,7 @@ using zep::testing::WriteText;
 constexpr const char* kSignature = "977e31632a72c148fa7aeaa38379bd6d952ffabe8f05a04f5f124dbe98359a5a";
 
 std::string Line(const std::string& stamp, const std::string& statuses) {
-    return stamp + ",Mqtt," + statuses + ",2," + kSignature + "\n";
+    return stamp + ",Mqtt," + statuses + ",2," + kSignature + zep::testing::kHistoryLineEnd;
 }
 
 class DeviceOnlineTest : public zep::testing::ManagerTest {};

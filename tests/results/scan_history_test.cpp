@@ -15,13 +15,16 @@
 namespace {
 
 namespace fs = std::filesystem;
+using zep::testing::kHistoryLineEnd;
 using zep::testing::ReadText;
 using zep::testing::WriteText;
 
 // History lines `from` to `to`, each with its own signature.
 std::string NumberedLines(int from, int to) {
     std::string text;
-    for (int i = from; i <= to; ++i) text += "2026-01-01T00:00:00Z,Manual,0,1,0,sig" + std::to_string(i) + "\n";
+    for (int i = from; i <= to; ++i) {
+        text += "2026-01-01T00:00:00Z,Manual,0,1,0,sig" + std::to_string(i) + kHistoryLineEnd;
+    }
     return text;
 }
 
@@ -94,11 +97,12 @@ TEST_F(ScanHistoryTest, TheHundredAndFirstLinePushesOutTheOldest) {
 
     peer->problemSignature() = L"hundredth";
     peer->GenerateScanHistory();
-    EXPECT_EQ(ReadText(History()), NumberedLines(1, 99) + stamp + "hundredth\n");
+    EXPECT_EQ(ReadText(History()), NumberedLines(1, 99) + stamp + "hundredth" + kHistoryLineEnd);
 
     peer->problemSignature() = L"newest";
     peer->GenerateScanHistory();
-    EXPECT_EQ(ReadText(History()), NumberedLines(2, 99) + stamp + "hundredth\n" + stamp + "newest\n");
+    EXPECT_EQ(ReadText(History()),
+              NumberedLines(2, 99) + stamp + "hundredth" + kHistoryLineEnd + stamp + "newest" + kHistoryLineEnd);
 }
 
 TEST_F(ScanHistoryTest, UpdateLeavesALastLineWithSevenFieldsUntouched) {
@@ -129,9 +133,9 @@ TEST_F(ScanHistoryTest, AHugeHistoryIsReadOnlyFromItsTail) {
     peer->GenerateScanHistory();
 
     const std::string text = ReadText(History());
-    EXPECT_EQ(text.substr(0, text.find('\n')), "2026-01-01T00:00:00Z,Manual,0,1,0,sig19903");
+    EXPECT_EQ(text.substr(0, text.find_first_of("\r\n")), "2026-01-01T00:00:00Z,Manual,0,1,0,sig19903");
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 100);
-    EXPECT_NE(text.find("2026-01-01T00:00:00Z,Manual,2,0,0,sig20001\n"), std::string::npos);
+    EXPECT_NE(text.find(std::string("2026-01-01T00:00:00Z,Manual,2,0,0,sig20001") + kHistoryLineEnd), std::string::npos);
     EXPECT_LE(meter->largest, 64u * 1024u);
 }
 

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/env/Beneath.h"
 #include "platform/env/Env.h"
 
 namespace zep::testing {
@@ -129,7 +130,7 @@ public:
     }
     std::wstring GetPackageRepositoryFolder(const platform::Package& package) override {
         std::lock_guard<std::mutex> lock(mutex_);
-        return repositoryRoot + L"/" + package.id;
+        return platform::JoinPath(repositoryRoot, package.id);
     }
     PlatformPolicy GetPlatformPolicy() override {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -253,8 +254,8 @@ private:
 class TestSystem : public platform::SystemEnv {
 public:
     explicit TestSystem(std::wstring root) : root_(std::move(root)) {}
-    std::optional<std::wstring> AppDataRoot() override { return root_ + L"/programdata"; }
-    std::wstring TempFolder() override { return root_ + L"/temp/"; }
+    std::optional<std::wstring> AppDataRoot() override { return platform::JoinPath(root_, L"programdata"); }
+    std::wstring TempFolder() override { return platform::JoinPath(platform::JoinPath(root_, L"temp"), L""); }
     std::wstring SystemDirectory() override { return L"C:\\Windows\\System32"; }
     std::wstring WindowsDirectory() override { return L"C:\\Windows"; }
     std::wstring LoggedInUserSid() override { return loggedInUserSid; }

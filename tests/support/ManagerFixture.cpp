@@ -49,8 +49,13 @@ std::filesystem::path ManagerTest::ZipPath(const std::wstring& scanName) const {
 
 Json::Value ManagerTest::ComponentResult(const std::wstring& scanName) const {
     std::string text;
+    std::filesystem::path staging = ZipPath(scanName);
+    staging.replace_extension();
     if (auto packed = ZipRead(ZipPath(scanName), "ZEP/component-result.json")) {
         text = *packed;
+    } else if (std::filesystem::exists(staging)) {
+        // Kept where no archive was made of it.
+        text = ReadText(staging / "ZEP" / "component-result.json");
     } else {
         text = ReadText(platform.rootPath / "temp" / "Quorin" / "Zep" / text::ToUtf8(scanName) / "ZEP" /
                         "component-result.json");

@@ -34,7 +34,8 @@ protected:
     // The archive of scan `scanName` (only the latest scan's survives).
     std::filesystem::path ZipPath(const std::wstring& scanName) const;
     // The built-in component's result of scan `scanName`, parsed: from its
-    // archive, or from the temporary folder when nothing was packed.
+    // archive, from its staging folder when that was not packed, or from the
+    // temporary folder when nothing was staged.
     Json::Value ComponentResult(const std::wstring& scanName) const;
     // The names of the scans that were staged, in order (from the log).
     std::vector<std::wstring> ScanNames() const;

@@ -1,30 +1,22 @@
 #include "support/TestPlatform.h"
 
-#include <stdlib.h>
-
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
 #include "platform/agent/Log.h"
+#include "platform/env/Beneath.h"
 #include "platform/util/Paths.h"
+#include "support/Links.h"
+#include "support/TempFolder.h"
 
 namespace zep::testing {
-namespace {
 
-std::filesystem::path MakeTempRoot() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "zep-test-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    return pattern;
-}
-
-}  // namespace
-
-TestPlatform::TestPlatform() : rootPath(MakeTempRoot()), root(path::FromFs(rootPath)) {
+TestPlatform::TestPlatform() : rootPath(MakeTempFolder("zep-test-")), root(path::FromFs(rootPath)) {
     std::filesystem::create_directories(rootPath / "programdata");
     std::filesystem::create_directories(rootPath / "temp");
     system = std::make_shared<TestSystem>(root);
-    policy->repositoryRoot = root + L"/packages";
+    policy->repositoryRoot = platform::JoinPath(root, L"packages");
     env = platform::DefaultEnv();
     env.system = system;
     env.registry = registry;
@@ -47,11 +39,18 @@ TestPlatform::TestPlatform() : rootPath(MakeTempRoot()), root(path::FromFs(rootP
 TestPlatform::~TestPlatform() {
     g_log.Open(nullptr);
     platform::InstallEnv(platform::DefaultEnv());
-    std::error_code ec;
-    std::filesystem::remove_all(rootPath, ec);
+    RemoveTree(rootPath);
 }
 
 void TestPlatform::Reinstall() { platform::InstallEnv(env); }
+
+std::wstring Extended(const std::wstring& absolutePath) {
+#ifdef _WIN32
+    return L"\\\\?\\" + absolutePath;
+#else
+    return absolutePath;
+#endif
+}
 
 std::string ReadText(const std::filesystem::path& path) {
     std::ifstream in(path, std::ios::binary);

@@ -44,6 +44,25 @@ public:
     platform::Env env;
 };
 
+// How the scan histories end their lines on the running system: the agent
+// writes CR LF on Windows.
+#ifdef _WIN32
+inline constexpr const char* kHistoryLineEnd = "\r\n";
+#else
+inline constexpr const char* kHistoryLineEnd = "\n";
+#endif
+
+// Skips a test that needs what only the native collection does (the
+// archives it packs, its scripts' names) on a system that has none yet:
+// Windows, until the native packer is portable.
+#define ZEP_REQUIRE_NATIVE_COLLECTION()                                                  \
+    if (!::zep::platform::NativeCollectionEnv())                                         \
+    GTEST_SKIP() << "needs the native collection, which this system does not have yet"
+
+// An absolute path in the long-path form the PowerShell command lines take
+// it in ("\\?\" in front on Windows; unchanged elsewhere).
+std::wstring Extended(const std::wstring& absolutePath);
+
 // Reads a whole file; empty when it cannot be read.
 std::string ReadText(const std::filesystem::path& path);
 void WriteText(const std::filesystem::path& path, const std::string& text);

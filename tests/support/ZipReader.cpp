@@ -2,12 +2,14 @@
 
 #include <zip.h>
 
+#include "platform/util/Paths.h"
+
 namespace zep::testing {
 
 std::set<std::string> ZipEntries(const std::filesystem::path& zip) {
     std::set<std::string> names;
     int error = 0;
-    zip_t* archive = zip_open(zip.c_str(), ZIP_RDONLY, &error);
+    zip_t* archive = zip_open(path::NarrowPath(zip).c_str(), ZIP_RDONLY, &error);
     if (archive == nullptr) return names;
     for (zip_int64_t i = 0; i < zip_get_num_entries(archive, 0); ++i) {
         names.insert(zip_get_name(archive, static_cast<zip_uint64_t>(i), 0));
@@ -18,7 +20,7 @@ std::set<std::string> ZipEntries(const std::filesystem::path& zip) {
 
 std::optional<std::string> ZipRead(const std::filesystem::path& zip, const std::string& entry) {
     int error = 0;
-    zip_t* archive = zip_open(zip.c_str(), ZIP_RDONLY, &error);
+    zip_t* archive = zip_open(path::NarrowPath(zip).c_str(), ZIP_RDONLY, &error);
     if (archive == nullptr) return std::nullopt;
     std::optional<std::string> content;
     zip_stat_t info;
