@@ -10,20 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "windows/support/StandIn.h"
+
 namespace {
-
-bool RunningUnderWine() {
-  HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
-  return ntdll != nullptr && GetProcAddress(ntdll, "wine_get_version") != nullptr;
-}
-
-std::wstring Folder(const std::wstring& path) { return path.substr(0, path.find_last_of(L'\\')); }
-
-std::wstring ModulePath() {
-  std::wstring path(MAX_PATH, L'\0');
-  path.resize(GetModuleFileNameW(nullptr, path.data(), MAX_PATH));
-  return path;
-}
 
 std::wstring SystemDirectory() {
   wchar_t buffer[MAX_PATH];
@@ -63,20 +52,12 @@ DWORD Launch(const wchar_t* application, std::wstring commandLine) {
 class PowerShellStandInTest : public testing::Test {
  protected:
   void SetUp() override {
-    if (!RunningUnderWine()) GTEST_SKIP() << "installs into the system directory: Wine only";
-    const std::wstring folder = SystemDirectory() + L"\\WindowsPowerShell\\v1.0";
-    CreateDirectoryW((SystemDirectory() + L"\\WindowsPowerShell").c_str(), nullptr);
-    CreateDirectoryW(folder.c_str(), nullptr);
-    powershell_ = folder + L"\\powershell.exe";
-    ASSERT_TRUE(CopyFileW((Folder(ModulePath()) + L"\\PowerShellStandIn.exe").c_str(),
-                          powershell_.c_str(), FALSE))
-        << GetLastError();
     wchar_t temp[MAX_PATH];
     GetTempPathW(MAX_PATH, temp);
     record_ = std::wstring(temp) + L"zep-powershell-record.txt";
-    DeleteFileW(record_.c_str());
-    SetEnvironmentVariableW(L"ZEP_POWERSHELL_RECORD", record_.c_str());
-    SetEnvironmentVariableW(L"WINEDLLOVERRIDES", L"powershell.exe=n");
+    std::string why;
+    if (!zep::testing::InstallPowerShellStandIn(record_, why)) GTEST_SKIP() << why;
+    powershell_ = SystemDirectory() + L"\\WindowsPowerShell\\v1.0\\powershell.exe";
   }
 
   std::string Recorded() const {

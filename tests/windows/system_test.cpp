@@ -1,0 +1,70 @@
+// The system's folders, the user and the random source, as Windows gives them.
+#ifndef WIN32_LEAN_AND_MEAN
+#define WIN32_LEAN_AND_MEAN
+#endif
+#ifndef NOMINMAX
+#define NOMINMAX
+#endif
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+#include "platform/windows/WindowsClock.h"
+#include "platform/windows/WindowsSystem.h"
+#include "support/Links.h"
+
+namespace zep::platform {
+namespace {
+
+TEST(WindowsSystemTest, FoldersAreTheSystemsOwn) {
+    WindowsSystem system;
+    wchar_t buffer[MAX_PATH];
+    const UINT length = ::GetSystemDirectoryW(buffer, MAX_PATH);
+    EXPECT_EQ(system.SystemDirectory(), std::wstring(buffer, length));
+    const std::wstring windows = system.WindowsDirectory();
+    ASSERT_FALSE(windows.empty());
+    EXPECT_NE(windows.back(), L'\\');
+    EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::path(windows) / "regedit.exe"));
+    const std::wstring temp = system.TempFolder();
+    ASSERT_FALSE(temp.empty());
+    EXPECT_EQ(temp.back(), L'\\');
+    EXPECT_TRUE(std::filesystem::is_directory(temp));
+}
+
+TEST(WindowsSystemTest, TheUserIsAnAccountSidAndTheAgentsRootExistsOrIsAbsent) {
+    WindowsSystem system;
+    // Not LocalSystem here: the process's own user.
+    EXPECT_EQ(system.LoggedInUserSid().rfind(L"S-1-5-", 0), 0u) << "not a SID";
+
+    wchar_t programData[MAX_PATH];
+    ASSERT_GT(::GetEnvironmentVariableW(L"ProgramData", programData, MAX_PATH), 0u);
+    const std::filesystem::path root = std::filesystem::path(programData) / "Quorin" / "Zep";
+    if (!std::filesystem::exists(root)) {
+        EXPECT_FALSE(system.AppDataRoot().has_value());
+        if (!testing::RunningUnderWine()) return;  // a real machine's ProgramData is not ours to change
+        std::filesystem::create_directories(root);
+        EXPECT_EQ(system.AppDataRoot(), root.native());
+        std::filesystem::remove_all(root.parent_path());
+    } else {
+        EXPECT_EQ(system.AppDataRoot(), root.native());
+    }
+}
+
+TEST(WindowsRandomTest, FillsEveryByteDifferentlyEachTime) {
+    WindowsRandom random;
+    std::array<std::uint8_t, 4096> first{}, second{};
+    random.Fill(first.data(), first.size());
+    random.Fill(second.data(), second.size());
+    EXPECT_NE(first, second);
+    int zeros = 0;
+    for (const auto byte : first) zeros += byte == 0 ? 1 : 0;
+    EXPECT_LT(zeros, 64) << "4096 random bytes hold about 16 zeros";
+}
+
+}  // namespace
+}  // namespace zep::platform
