@@ -1,0 +1,127 @@
+// The stages of packing a log, each alone: the scrub, deflate (zlib and
+// libdeflate at the same level; whole pieces and pieces joined with a
+// dictionary), and the archive writer. Throughput in bytes of log text.
+#include <benchmark/benchmark.h>
+#include <libdeflate.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/collect/Deflate.h"
+#include "platform/collect/LogScrub.h"
+#include "platform/collect/ZipWriter.h"
+
+namespace {
+
+// Log lines like the agent's, a third with a quoted address.
+std::string LogText(std::size_t size) {
+    std::string text;
+    unsigned n = 0;
+    while (text.size() < size) {
+        text += "2024-05-01T12:" + std::to_string(10 + n % 50) + ":07.123Z [d] [" + std::to_string(1000 + n % 7919) +
+                "] ";
+        if (n % 3 == 0) {
+            text += "Peer \"10." + std::to_string(n % 256) + "." + std::to_string(n / 256 % 256) + ".7\" answered in " +
+                    std::to_string(n % 900) + " ms\n";
+        } else {
+            text += "Telemetry sync completed, " + std::to_string(n % 500) + " records, sync point " +
+                    std::to_string(n * 7 % 90000) + "\n";
+        }
+        ++n;
+    }
+    text.resize(size);
+    return text;
+}
+
+const std::string& Piece() {
+    static const std::string piece = LogText(1024 * 1024);
+    return piece;
+}
+
+void BM_Scrub(benchmark::State& state) {
+    const std::string& text = Piece();
+    std::string out;
+    for (auto _ : state) {
+        out.clear();
+        zep::collect::LogScrubber scrubber;
+        scrubber.Feed(text, out);
+        scrubber.Finish(out);
+        benchmark::DoNotOptimize(out.data());
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+}
+BENCHMARK(BM_Scrub)->Unit(benchmark::kMillisecond);
+
+// One 1 MiB piece with zlib at level 6: the last piece of a file (ends the
+// stream), or a middle one (its predecessor as dictionary, a sync flush).
+void BM_DeflateZlib(benchmark::State& state) {
+    const std::string& text = Piece();
+    const bool middle = state.range(0) != 0;
+    zep::collect::PieceDeflater deflater;
+    std::string out;
+    for (auto _ : state) {
+        out.clear();
+        deflater.Deflate(middle ? std::string_view(text).substr(0, 32 * 1024) : std::string_view(), text, !middle, out);
+        benchmark::DoNotOptimize(out.data());
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+    state.counters["ratio"] = static_cast<double>(text.size()) / static_cast<double>(out.size());
+}
+BENCHMARK(BM_DeflateZlib)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
+
+// The same piece with libdeflate at level 6: whole buffers only, always
+// ending the stream, so it cannot continue a file across pieces.
+void BM_DeflateLibdeflate(benchmark::State& state) {
+    const std::string& text = Piece();
+    libdeflate_compressor* compressor = libdeflate_alloc_compressor(zep::collect::kDeflateLevel);
+    std::vector<char> out(libdeflate_deflate_compress_bound(compressor, text.size()));
+    std::size_t size = 0;
+    for (auto _ : state) {
+        size = libdeflate_deflate_compress(compressor, text.data(), text.size(), out.data(), out.size());
+        benchmark::DoNotOptimize(out.data());
+    }
+    libdeflate_free_compressor(compressor);
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+    state.counters["ratio"] = static_cast<double>(text.size()) / static_cast<double>(size == 0 ? 1 : size);
+}
+BENCHMARK(BM_DeflateLibdeflate)->Unit(benchmark::kMillisecond);
+
+void BM_Crc32(benchmark::State& state) {
+    const std::string& text = Piece();
+    for (auto _ : state) benchmark::DoNotOptimize(zep::collect::Crc32(0, text));
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+}
+BENCHMARK(BM_Crc32)->Unit(benchmark::kMicrosecond);
+
+class NullOutput : public zep::platform::OutputFile {
+public:
+    bool Write(std::string_view data, zep::platform::FsStatus* = nullptr) override {
+        benchmark::DoNotOptimize(data.data());
+        return true;
+    }
+    bool Sync(zep::platform::FsStatus* = nullptr) override { return true; }
+    bool SetModified(std::int64_t) override { return true; }
+    bool Close(zep::platform::FsStatus* = nullptr) override { return true; }
+};
+
+// The writer alone (headers, SHA-256 of every byte, the central directory)
+// over entries of range(0) deflated bytes each, 1 MiB of them per archive.
+void BM_ZipWriter(benchmark::State& state) {
+    const auto entrySize = static_cast<std::size_t>(state.range(0));
+    const std::string deflated = Piece().substr(0, entrySize);
+    const std::size_t entries = 1024 * 1024 / entrySize;
+    std::vector<std::string> names;
+    for (std::size_t i = 0; i < entries; ++i) names.push_back("ZEP/Log/Plugins/VPN/VpnClient." + std::to_string(i) + ".log");
+    for (auto _ : state) {
+        NullOutput out;
+        zep::collect::ZipWriter writer(out);
+        for (const auto& name : names) writer.AddFile(name, 1'700'000'000'000'000'000, 0x12345678, entrySize * 5, deflated);
+        writer.Finish();
+        benchmark::DoNotOptimize(writer.Sha256Hex().data());
+    }
+    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * entries * entrySize));
+    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * entries));
+}
+BENCHMARK(BM_ZipWriter)->Arg(512)->Arg(64 * 1024)->Unit(benchmark::kMillisecond);
+
+}  // namespace
