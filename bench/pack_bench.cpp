@@ -48,7 +48,7 @@ void BM_Scrub(benchmark::State& state) {
         scrubber.Finish(out);
         benchmark::DoNotOptimize(out.data());
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
 }
 BENCHMARK(BM_Scrub)->Unit(benchmark::kMillisecond);
 
@@ -64,7 +64,7 @@ void BM_DeflateZlib(benchmark::State& state) {
         deflater.Deflate(middle ? std::string_view(text).substr(0, 32 * 1024) : std::string_view(), text, !middle, out);
         benchmark::DoNotOptimize(out.data());
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
     state.counters["ratio"] = static_cast<double>(text.size()) / static_cast<double>(out.size());
 }
 BENCHMARK(BM_DeflateZlib)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond);
@@ -81,7 +81,7 @@ void BM_DeflateLibdeflate(benchmark::State& state) {
         benchmark::DoNotOptimize(out.data());
     }
     libdeflate_free_compressor(compressor);
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
     state.counters["ratio"] = static_cast<double>(text.size()) / static_cast<double>(size == 0 ? 1 : size);
 }
 BENCHMARK(BM_DeflateLibdeflate)->Unit(benchmark::kMillisecond);
@@ -89,7 +89,7 @@ BENCHMARK(BM_DeflateLibdeflate)->Unit(benchmark::kMillisecond);
 void BM_Crc32(benchmark::State& state) {
     const std::string& text = Piece();
     for (auto _ : state) benchmark::DoNotOptimize(zep::collect::Crc32(0, text));
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
 }
 BENCHMARK(BM_Crc32)->Unit(benchmark::kMicrosecond);
 
@@ -119,8 +119,8 @@ void BM_ZipWriter(benchmark::State& state) {
         writer.Finish();
         benchmark::DoNotOptimize(writer.Sha256Hex().data());
     }
-    state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * entries * entrySize));
-    state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * entries));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(entries * entrySize));
+    state.SetItemsProcessed(state.iterations() * static_cast<std::int64_t>(entries));
 }
 BENCHMARK(BM_ZipWriter)->Arg(512)->Arg(64 * 1024)->Unit(benchmark::kMillisecond);
 
