@@ -9,7 +9,8 @@ packages=(
   libssl-dev                     # SHA-256 (and later token signatures)
   libfmt-dev                     # type-safe printf-style log formatting
   libutfcpp-dev                  # UTF-8 <-> wide conversions
-  zlib1g-dev                     # deflate and CRC-32 of the scan's archives
+  libdeflate-dev                 # deflate of the scan's archives
+  zlib1g-dev                     # CRC-32 of the scan's archives, the inflate that joins pieces
   libzip-dev                     # reading zip archives: tests, zepdiag's summary, benchmarks
   libmosquitto-dev               # zepdiag serve: the MQTT client
   libcurl4-openssl-dev           # zepdiag serve: HTTPS uploads (OpenSSL, for the shared TLS policy)
@@ -18,7 +19,6 @@ packages=(
   libcpp-httplib-dev openssl     # integration tests: the HTTPS upload server, certificates made per run
   unzip python3                  # tests: the archives read by unzip -t and Python's zipfile
   libbenchmark-dev               # benchmarks
-  libdeflate-dev                 # benchmarks: libdeflate against zlib
   dpkg-dev file                  # the Debian package: dpkg-shlibdeps and dpkg-architecture, file for CPack
 )
 

@@ -1,5 +1,6 @@
 #include "platform/collect/Deflate.h"
 
+#include <libdeflate.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -8,63 +9,97 @@
 namespace zep::collect {
 namespace {
 
-// zlib counts in uInt; the pieces are far smaller, but a caller's data is not.
+// zlib counts in uInt; a piece is far smaller, a caller's data may not be.
 constexpr std::size_t kMaxStep = UINT_MAX / 2;
+
+// An empty stored block after the last block: a sync flush's marker. Its
+// three header bits (not last, stored) are zero and follow the stream's
+// last bit; the length and its complement start at the next byte.
+constexpr char kEmptyStoredLength[] = {'\x00', '\x00', '\xFF', '\xFF'};
 
 }  // namespace
 
-struct PieceDeflater::Stream {
-    z_stream z{};
-    bool ready = false;
+struct PieceDeflater::State {
+    libdeflate_compressor* compressor = nullptr;
+    z_stream inflater{};
+    bool inflaterReady = false;
+    std::string scratch;  // inflated bytes, thrown away
+
+    ~State() {
+        if (compressor != nullptr) libdeflate_free_compressor(compressor);
+        if (inflaterReady) inflateEnd(&inflater);
+    }
+
+    // Reopens the complete stream `deflated`: clears the last block's
+    // last-block bit and ends the stream with an empty stored block.
+    bool LeaveOpen(std::string& deflated, std::size_t start) {
+        if (!inflaterReady) {
+            if (inflateInit2(&inflater, -15) != Z_OK) return false;
+            inflaterReady = true;
+            scratch.resize(64 * 1024);
+        } else if (inflateReset(&inflater) != Z_OK) {
+            return false;
+        }
+        const std::size_t size = deflated.size() - start;
+        if (size > kMaxStep) return false;
+        char* bytes = deflated.data() + start;
+        inflater.next_in = reinterpret_cast<Bytef*>(bytes);
+        inflater.avail_in = static_cast<uInt>(size);
+        const auto bitAt = [&](std::uint64_t position) { return (bytes[position / 8] >> (position % 8)) & 1; };
+        // Block by block: at each boundary the next block's first bit says
+        // whether it is the last; the boundary after that one is the end.
+        std::uint64_t lastBlock = 0;  // bit position of the last block's header
+        std::uint64_t end = 0;        // bit position just past the stream
+        bool inLast = size > 0 && bitAt(0) != 0;
+        for (;;) {
+            inflater.next_out = reinterpret_cast<Bytef*>(scratch.data());
+            inflater.avail_out = static_cast<uInt>(scratch.size());
+            const uLong before = inflater.total_in;
+            const int result = inflate(&inflater, Z_BLOCK);
+            if (result != Z_OK && result != Z_STREAM_END && result != Z_BUF_ERROR) return false;
+            if ((inflater.data_type & 128) == 0) {
+                // Mid-block: only a full scratch buffer stops it there.
+                if (inflater.avail_out != 0 || (inflater.avail_in == 0 && inflater.total_in == before)) return false;
+                continue;
+            }
+            const std::uint64_t position =
+                static_cast<std::uint64_t>(inflater.total_in) * 8 - static_cast<unsigned>(inflater.data_type & 7);
+            if (inLast) {
+                end = position;
+                break;
+            }
+            if (position >= static_cast<std::uint64_t>(size) * 8) return false;  // ended without a last block
+            lastBlock = position;
+            inLast = bitAt(position) != 0;
+        }
+        bytes[lastBlock / 8] = static_cast<char>(bytes[lastBlock / 8] & ~(1 << (lastBlock % 8)));
+        // Keep the bits up to `end` and room for three zero header bits, then pad.
+        const std::size_t kept = static_cast<std::size_t>((end + 3 + 7) / 8);
+        deflated.resize(start + kept, '\0');
+        if (end % 8 != 0) {
+            char& partial = deflated[start + static_cast<std::size_t>(end / 8)];
+            partial = static_cast<char>(partial & ((1 << (end % 8)) - 1));
+        }
+        deflated.append(kEmptyStoredLength, sizeof kEmptyStoredLength);
+        return true;
+    }
 };
 
-PieceDeflater::PieceDeflater(int level) : stream_(std::make_unique<Stream>()) {
-    // Raw deflate (negative window bits): the zip entry has no zlib header.
-    stream_->ready = deflateInit2(&stream_->z, level, Z_DEFLATED, -15, 8, Z_DEFAULT_STRATEGY) == Z_OK;
+PieceDeflater::PieceDeflater(int level) : state_(std::make_unique<State>()) {
+    state_->compressor = libdeflate_alloc_compressor(level);
 }
 
-PieceDeflater::~PieceDeflater() {
-    if (stream_->ready) deflateEnd(&stream_->z);
-}
+PieceDeflater::~PieceDeflater() = default;
 
-bool PieceDeflater::Deflate(std::string_view dictionary, std::string_view input, bool last, std::string& out) {
-    z_stream& z = stream_->z;
-    if (!stream_->ready || deflateReset(&z) != Z_OK) return false;
-    if (!dictionary.empty()) {
-        const std::string_view window = dictionary.substr(dictionary.size() - std::min(dictionary.size(), kDeflateWindow));
-        if (deflateSetDictionary(&z, reinterpret_cast<const Bytef*>(window.data()), static_cast<uInt>(window.size())) !=
-            Z_OK) {
-            return false;
-        }
-    }
+bool PieceDeflater::Deflate(std::string_view input, bool last, std::string& out) {
+    if (state_->compressor == nullptr) return false;
     const std::size_t start = out.size();
-    // deflateBound is for Z_FINISH; a sync flush adds its empty stored block.
-    std::size_t room = deflateBound(&z, static_cast<uLong>(std::min(input.size(), kMaxStep))) + 16;
-    std::size_t written = 0;
-    std::size_t consumed = 0;
-    const int flush = last ? Z_FINISH : Z_SYNC_FLUSH;
-    for (;;) {
-        out.resize(start + written + room);
-        const std::size_t step = std::min(input.size() - consumed, kMaxStep);
-        z.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(input.data() + consumed));
-        z.avail_in = static_cast<uInt>(step);
-        z.next_out = reinterpret_cast<Bytef*>(out.data() + start + written);
-        z.avail_out = static_cast<uInt>(std::min(room, kMaxStep));
-        const bool final = consumed + step == input.size();
-        const int result = deflate(&z, final ? flush : Z_NO_FLUSH);
-        consumed += step - z.avail_in;
-        written = static_cast<std::size_t>(reinterpret_cast<char*>(z.next_out) - (out.data() + start));
-        if (result == Z_STREAM_ERROR) {
-            out.resize(start);
-            return false;
-        }
-        // Done when all input went in and the flush left room to spare
-        // (a full output buffer may hold back the end of the flush).
-        if (final && z.avail_in == 0 && (result == Z_STREAM_END || (!last && z.avail_out > 0))) break;
-        room = std::max<std::size_t>(room, 64 * 1024);
-    }
+    out.resize(start + libdeflate_deflate_compress_bound(state_->compressor, input.size()) + 8);
+    const std::size_t written =
+        libdeflate_deflate_compress(state_->compressor, input.data(), input.size(), out.data() + start, out.size() - start);
     out.resize(start + written);
-    return true;
+    if (written == 0) return false;  // cannot happen with the bound's room
+    return last || state_->LeaveOpen(out, start);
 }
 
 std::uint32_t Crc32(std::uint32_t crc, std::string_view data) {

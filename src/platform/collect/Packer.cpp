@@ -44,7 +44,6 @@ struct Piece {
 // made of them. Jobs are reused, their buffers with them.
 struct Job {
     std::string input;
-    std::string dictionary;  // the bytes before the first piece, when it continues a file
     std::vector<Piece> pieces;
     std::string output;
     bool done = false;
@@ -52,7 +51,6 @@ struct Job {
 
     void Clear() {
         input.clear();
-        dictionary.clear();
         pieces.clear();
         output.clear();
         done = failed = false;
@@ -60,13 +58,11 @@ struct Job {
 };
 
 void Compress(Job& job, PieceDeflater& deflater) {
-    for (std::size_t i = 0; i < job.pieces.size(); ++i) {
-        Piece& piece = job.pieces[i];
+    for (Piece& piece : job.pieces) {
         if (piece.folder) continue;
         const std::string_view input(job.input.data() + piece.inputOffset, piece.inputSize);
-        const std::string_view dictionary = i == 0 && !piece.first ? std::string_view(job.dictionary) : std::string_view();
         piece.outputOffset = job.output.size();
-        if (!deflater.Deflate(dictionary, input, piece.last, job.output)) {
+        if (!deflater.Deflate(input, piece.last, job.output)) {
             job.failed = true;
             return;
         }
@@ -306,16 +302,9 @@ private:
             piece.last = end;
             piece.inputOffset = pieceStart;
             piece.inputSize = job_->input.size() - pieceStart;
-            if (!end) {
-                // The next piece continues this file: deflate may refer back into this one.
-                const std::string_view previous(job_->input.data() + pieceStart, piece.inputSize);
-                const std::string_view window = previous.substr(previous.size() - std::min(previous.size(), kDeflateWindow));
-                dictionary_.assign(window.data(), window.size());
-            }
             AddPiece(piece);
             if (end) break;
             // A piece that is not a file's last fills its job, so a new job starts here.
-            job_->dictionary = dictionary_;
             pieceStart = job_->input.size();
             first = false;
         }
@@ -410,7 +399,6 @@ private:
     Job* job_ = nullptr;
     FolderCache folders_;
     std::string readBuffer_;
-    std::string dictionary_;
     std::uint32_t crc_ = 0;   // of the file being written in pieces, so far
     std::uint64_t size_ = 0;
     std::size_t files_ = 0;
