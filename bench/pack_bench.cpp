@@ -14,21 +14,25 @@
 
 namespace {
 
-// Log lines like the agent's, a third with a quoted address.
+// Log lines like the agent's, a third with a quoted address, their numbers
+// drawn at random so that the text compresses like real logs (about 6:1).
 std::string LogText(std::size_t size) {
     std::string text;
-    unsigned n = 0;
+    std::uint64_t state = 0x9E3779B97F4A7C15ull;
+    const auto next = [&state](std::uint64_t below) {
+        state ^= state << 13;
+        state ^= state >> 7;
+        state ^= state << 17;
+        return std::to_string(state % below);
+    };
     while (text.size() < size) {
-        text += "2024-05-01T12:" + std::to_string(10 + n % 50) + ":07.123Z [d] [" + std::to_string(1000 + n % 7919) +
-                "] ";
-        if (n % 3 == 0) {
-            text += "Peer \"10." + std::to_string(n % 256) + "." + std::to_string(n / 256 % 256) + ".7\" answered in " +
-                    std::to_string(n % 900) + " ms\n";
+        text += "2024-05-01T12:" + next(60) + ":" + next(60) + "." + next(1000) + "Z [d] [" + next(9000) + "] ";
+        if (next(3) == "0") {
+            text += "Peer \"10." + next(256) + "." + next(256) + "." + next(256) + "\" answered in " + next(900) + " ms\n";
         } else {
-            text += "Telemetry sync completed, " + std::to_string(n % 500) + " records, sync point " +
-                    std::to_string(n * 7 % 90000) + "\n";
+            text += "Telemetry sync completed, " + next(500) + " records, sync point " + next(90000) + ", job " +
+                    next(1ull << 32) + "\n";
         }
-        ++n;
     }
     text.resize(size);
     return text;

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <vector>
 
 namespace zep::collect {
 namespace {
@@ -24,6 +25,7 @@ struct PieceDeflater::State {
     z_stream inflater{};
     bool inflaterReady = false;
     std::string scratch;  // inflated bytes, thrown away
+    std::vector<char> compressed;
 
     ~State() {
         if (compressor != nullptr) libdeflate_free_compressor(compressor);
@@ -93,12 +95,16 @@ PieceDeflater::~PieceDeflater() = default;
 
 bool PieceDeflater::Deflate(std::string_view input, bool last, std::string& out) {
     if (state_->compressor == nullptr) return false;
-    const std::size_t start = out.size();
-    out.resize(start + libdeflate_deflate_compress_bound(state_->compressor, input.size()) + 8);
+    // Into a buffer kept between pieces: growing `out` to the bound would
+    // clear the bound's bytes on every piece.
+    std::vector<char>& compressed = state_->compressed;
+    const std::size_t bound = libdeflate_deflate_compress_bound(state_->compressor, input.size()) + 8;
+    if (compressed.size() < bound) compressed.resize(bound);
     const std::size_t written =
-        libdeflate_deflate_compress(state_->compressor, input.data(), input.size(), out.data() + start, out.size() - start);
-    out.resize(start + written);
+        libdeflate_deflate_compress(state_->compressor, input.data(), input.size(), compressed.data(), compressed.size());
     if (written == 0) return false;  // cannot happen with the bound's room
+    const std::size_t start = out.size();
+    out.append(compressed.data(), written);
     return last || state_->LeaveOpen(out, start);
 }
 
