@@ -4,12 +4,17 @@ find_package(OpenSSL REQUIRED)          # SHA-256 digests, JWT signatures; zepdi
 find_package(fmt CONFIG REQUIRED)       # type-safe printf-style log formatting
 find_package(utf8cpp CONFIG REQUIRED)   # UTF-8 <-> wide conversions
 find_package(Threads REQUIRED)
+find_package(ZLIB REQUIRED)             # CRC-32 of the scan's archives; the inflate that joins pieces
+# Deflate of the scan's archives (libdeflate: whole buffers, fast). Its package
+# file only: Debian ships no CMake package for it.
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(LIBDEFLATE REQUIRED IMPORTED_TARGET libdeflate)
 if(NOT WIN32)
-  # Native zip archives (deflate). Through pkg-config: Debian's CMake package
+  # Reading zip archives: the tests, zepdiag's summary and the benchmarks
+  # (the module writes its own). Through pkg-config: Debian's CMake package
   # of libzip insists on command-line tools that are packaged separately.
-  find_package(PkgConfig REQUIRED)
   pkg_check_modules(LIBZIP REQUIRED IMPORTED_TARGET libzip)
-  set(ZEP_BACKEND_LIBS PkgConfig::LIBZIP)
+  set(ZEP_ZIP_READER_LIBS PkgConfig::LIBZIP)
   # zepdiag serve only, never the module: MQTT and HTTPS uploads.
   pkg_check_modules(MOSQUITTO REQUIRED IMPORTED_TARGET libmosquitto)
   find_package(CURL REQUIRED)
@@ -24,4 +29,4 @@ else()
 endif()
 
 # What the module links, on every system.
-set(ZEP_MODULE_LIBS ${ZEP_JSONCPP} fmt::fmt utf8::cpp OpenSSL::Crypto Threads::Threads ${ZEP_BACKEND_LIBS})
+set(ZEP_MODULE_LIBS ${ZEP_JSONCPP} fmt::fmt utf8::cpp OpenSSL::Crypto Threads::Threads PkgConfig::LIBDEFLATE ZLIB::ZLIB)

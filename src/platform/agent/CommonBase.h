@@ -104,6 +104,10 @@ void InitLog(Log& log, const std::string& fileName, int maxFiles);
 // gigabytes is never held in memory). `algorithm` "SHA-256" (also "SHA256");
 // empty when the file cannot be read or the algorithm is unknown.
 std::wstring GetFileHash(const std::wstring& path, const std::wstring& algorithm);
+// Hands over the SHA-256 of a file its writer has just finished, so that
+// GetFileHash need not read it again: it is taken for as long as the file
+// has the same identity, size and last write time; anything else is read.
+void RememberFileHash(const zep::platform::EntryInfo& file, const std::wstring& sha256Hex);
 }  // namespace utility
 
 // Registry reads (registry key paths keep their backslashes on every system).

@@ -347,13 +347,20 @@ bool CopyTree(Folder& from, Folder& to) {
 
 void VisitFiles(Folder& folder, bool recursive,
                 const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visit) {
+    VisitTree(folder, recursive, [](const std::wstring&, const EntryInfo&) {}, visit);
+}
+
+void VisitTree(Folder& folder, bool recursive,
+               const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visitFolder,
+               const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visitFile) {
     WalkTree(
         folder, true,
-        [&](bool, const std::wstring&, const EntryInfo&) -> std::optional<bool> {
+        [&](bool, const std::wstring& relative, const EntryInfo& entry) -> std::optional<bool> {
+            visitFolder(relative, entry);
             return recursive ? std::optional<bool>(true) : std::nullopt;
         },
         [&](Folder&, bool, const std::wstring& relative, const EntryInfo& entry) {
-            visit(relative, entry);
+            visitFile(relative, entry);
             return true;
         });
 }

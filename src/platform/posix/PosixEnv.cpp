@@ -5,8 +5,8 @@
 #include "platform/util/Strings.h"
 #include "platform/posix/PosixClock.h"
 #include "platform/posix/PosixFileSystem.h"
-#include "platform/posix/NativeCollection.h"
 #include "platform/posix/PosixProcess.h"
+#include "platform/posix/ShellPackageScript.h"
 
 namespace zep::platform {
 namespace {
@@ -47,7 +47,7 @@ Env DefaultEnv() {
     env.storage = std::make_shared<AbsentStorage>();
     env.events = std::make_shared<DroppingEvents>();
     env.extensions = std::make_shared<AbsentExtensions>();
-    env.collection = std::make_shared<NativeCollection>();
+    env.collection = std::make_shared<collect::NativeCollection>(ShellPackageScript());
     return env;
 }
 
