@@ -73,6 +73,9 @@ public:
     // `filter` (all files when empty); returns how many it appended.
     static int GetFileListForFolder(const std::wstring& folder, const std::wstring& filter,
                                     std::vector<std::wstring>& files);
+    // True when `folder` holds a regular file anywhere below it (the walk
+    // stops at the first one).
+    static bool folderHoldsFiles(const std::wstring& folder);
     // Opens the folder `path` (created with its parents when `create`) for
     // work below it by the folder's own operations.
     static std::unique_ptr<zep::platform::Folder> openFolder(const std::wstring& path, bool create);

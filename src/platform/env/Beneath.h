@@ -111,6 +111,10 @@ void VisitTree(Folder& folder, bool recursive,
                const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visitFolder,
                const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visitFile);
 
+// True when there is a regular file anywhere below `folder`; the walk stops
+// at the first one (links are not followed).
+bool HoldsAnyFile(Folder& folder);
+
 // `folder` + separator + `name`, without doubling a separator.
 std::wstring JoinPath(const std::wstring& folder, std::wstring_view name);
 
