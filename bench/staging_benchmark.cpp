@@ -54,7 +54,7 @@ constexpr std::uint64_t kLogBudget = 50 * kMiB;
 // logs kept. Room left at the budget's edge stops it from pushing out a file
 // that a copy made without it keeps, so that both archives compare file for file.
 constexpr std::uint64_t kBudgetMargin = kMiB;
-constexpr std::uint64_t kMinLogFile = 4 * kKiB;
+constexpr std::uint64_t kDefaultMinLogFile = 4 * kKiB;
 constexpr std::int64_t kThirtyDays = 30LL * 24 * 3600;
 constexpr const char* kLogicalDeviceId = "LD-BENCH01";
 constexpr const char* kLogPrefix = "ZEP/Log/";
@@ -142,6 +142,7 @@ struct DeviceShape {
     std::uint64_t logFiles = 1000;
     std::uint64_t dbBytes = 20 * kMiB;
     std::uint64_t dataFiles = 2000;  // every file under programdata, logs and database included
+    std::uint64_t minLogFile = kDefaultMinLogFile;
 };
 
 struct LogFile {
@@ -209,14 +210,15 @@ std::size_t KeptCount(const std::vector<LogFile>& logs, const std::vector<std::s
 }
 
 // Takes up to `want` bytes from the files `donors` (largest first), leaving
-// each at least kMinLogFile; returns how many were taken.
-std::uint64_t TakeBytes(std::vector<LogFile>& logs, std::vector<std::size_t> donors, std::uint64_t want) {
+// each at least `minFile`; returns how many were taken.
+std::uint64_t TakeBytes(std::vector<LogFile>& logs, std::vector<std::size_t> donors, std::uint64_t want,
+                        std::uint64_t minFile) {
     std::sort(donors.begin(), donors.end(), [&](std::size_t a, std::size_t b) { return logs[a].size > logs[b].size; });
     std::uint64_t taken = 0;
     for (const std::size_t i : donors) {
         if (taken == want) break;
-        if (logs[i].size <= kMinLogFile) continue;
-        const std::uint64_t take = std::min(want - taken, logs[i].size - kMinLogFile);
+        if (logs[i].size <= minFile) continue;
+        const std::uint64_t take = std::min(want - taken, logs[i].size - minFile);
         logs[i].size -= take;
         taken += take;
     }
@@ -226,7 +228,7 @@ std::uint64_t TakeBytes(std::vector<LogFile>& logs, std::vector<std::size_t> don
 // Moves bytes between files, keeping the total, so that the kept logs leave
 // at least kBudgetMargin of the budget free and the first file left out is
 // larger than that margin (it stays out with the module's log added).
-void LeaveMarginAtBudget(std::vector<LogFile>& logs) {
+void LeaveMarginAtBudget(std::vector<LogFile>& logs, std::uint64_t minFile) {
     const auto order = NewestFirst(logs);
     std::uint64_t total = 0;
     const std::size_t kept = KeptCount(logs, order, total);
@@ -237,12 +239,12 @@ void LeaveMarginAtBudget(std::vector<LogFile>& logs) {
     const std::size_t oldest = order.back();
 
     if (kLogBudget - total < kBudgetMargin) {
-        const std::uint64_t moved = TakeBytes(logs, keptFiles, kBudgetMargin - (kLogBudget - total));
+        const std::uint64_t moved = TakeBytes(logs, keptFiles, kBudgetMargin - (kLogBudget - total), minFile);
         logs[oldest].size += moved;
     }
     const std::uint64_t wanted = kBudgetMargin + 64 * kKiB;
     if (logs[firstOut].size < wanted) {
-        logs[firstOut].size += TakeBytes(logs, others, wanted - logs[firstOut].size);
+        logs[firstOut].size += TakeBytes(logs, others, wanted - logs[firstOut].size, minFile);
     }
 }
 
@@ -285,7 +287,7 @@ std::vector<LogFile> PlanLogs(const DeviceShape& shape, std::int64_t now) {
     std::uint64_t assigned = 0;
     for (std::size_t i = 0; i < logs.size(); ++i) {
         const double share = weight[i] / sum * static_cast<double>(shape.logBytes);
-        logs[i].size = std::max<std::uint64_t>(kMinLogFile, static_cast<std::uint64_t>(share));
+        logs[i].size = std::max<std::uint64_t>(shape.minLogFile, static_cast<std::uint64_t>(share));
         assigned += logs[i].size;
     }
     // The rounding goes to the largest file.
@@ -293,7 +295,7 @@ std::vector<LogFile> PlanLogs(const DeviceShape& shape, std::int64_t now) {
                                       [](const LogFile& a, const LogFile& b) { return a.size < b.size; });
     if (assigned < shape.logBytes) {
         largest.size += shape.logBytes - assigned;
-    } else if (assigned - shape.logBytes < largest.size - kMinLogFile) {
+    } else if (assigned - shape.logBytes < largest.size - shape.minLogFile) {
         largest.size -= assigned - shape.logBytes;
     }
 
@@ -307,7 +309,7 @@ std::vector<LogFile> PlanLogs(const DeviceShape& shape, std::int64_t now) {
     for (std::size_t i = 0; i < logs.size() && i < 2; ++i) {
         logs[i].mtime.tv_sec = static_cast<time_t>(now - 600 - static_cast<std::int64_t>(i) * 60);
     }
-    LeaveMarginAtBudget(logs);
+    LeaveMarginAtBudget(logs, shape.minLogFile);
     return logs;
 }
 
@@ -893,7 +895,7 @@ bool ParseCount(const std::string& text, std::uint64_t& value) {
 
 int Usage() {
     std::cerr << "usage: zep_staging_bench generate DIR [--seed N] [--log-mib N] [--log-files N] [--db-mib N]\n"
-                 "                                      [--data-files N]\n"
+                 "                                      [--data-files N] [--min-log-kib N]\n"
                  "       zep_staging_bench run DIR [--report FILE]\n"
                  "       zep_staging_bench zipinfo ZIP [--log-list FILE]\n"
                  "       zep_staging_bench extract ZIP ENTRY OUT\n"
@@ -917,11 +919,13 @@ int Generate(const Args& args) {
             shape.dbBytes = value * kMiB;
         } else if (args[i] == "--data-files") {
             shape.dataFiles = value;
+        } else if (args[i] == "--min-log-kib") {
+            shape.minLogFile = value * kKiB;
         } else {
             return Usage();
         }
     }
-    if (shape.logFiles < 2 || shape.logBytes < shape.logFiles * kMinLogFile) {
+    if (shape.logFiles < 2 || shape.minLogFile == 0 || shape.logBytes < shape.logFiles * shape.minLogFile) {
         std::cerr << "zep_staging_bench: too little log data for that many files\n";
         return 2;
     }

@@ -4,10 +4,16 @@ find_package(jsoncpp CONFIG REQUIRED)   # every JSON document
 find_package(fmt CONFIG REQUIRED)       # type-safe printf-style log formatting
 find_package(utf8cpp CONFIG REQUIRED)   # UTF-8 <-> wide conversions
 find_package(Threads REQUIRED)
-# Zip archives (deflate). Through pkg-config: Debian's CMake package of libzip
-# insists on command-line tools that are packaged separately.
+find_package(ZLIB REQUIRED)             # CRC-32 of the scan's archives; the inflate that joins pieces
 find_package(PkgConfig REQUIRED)
+# Deflate of the scan's archives (libdeflate: whole buffers, fast). Its package
+# file only: Debian ships no CMake package for it.
+pkg_check_modules(LIBDEFLATE REQUIRED IMPORTED_TARGET libdeflate)
+# Reading zip archives: the tests, zepdiag's summary and the benchmarks (the
+# module writes its own). Through pkg-config: Debian's CMake package of libzip
+# insists on command-line tools that are packaged separately.
 pkg_check_modules(LIBZIP REQUIRED IMPORTED_TARGET libzip)
+set(ZEP_ZIP_READER_LIBS PkgConfig::LIBZIP)
 
 if(WIN32)
   # SHA-256 and signature checks with Windows' own CNG (bcrypt, crypt32):
@@ -30,6 +36,5 @@ else()
   set(ZEP_JSONCPP jsoncpp_static)
 endif()
 
-set(ZEP_ZIP_LIBS PkgConfig::LIBZIP)
 # What the module links, on every system.
-set(ZEP_MODULE_LIBS ${ZEP_JSONCPP} fmt::fmt utf8::cpp Threads::Threads ${ZEP_ZIP_LIBS} ${ZEP_SYSTEM_LIBS})
+set(ZEP_MODULE_LIBS ${ZEP_JSONCPP} fmt::fmt utf8::cpp Threads::Threads PkgConfig::LIBDEFLATE ZLIB::ZLIB ${ZEP_SYSTEM_LIBS})

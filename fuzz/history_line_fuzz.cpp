@@ -12,9 +12,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static DiagnosticsManager* const manager = new DiagnosticsManager();
     const std::string text(zep::fuzz::Bytes(data, size));
-    const bool cut = size > 0 && (data[0] & 1) != 0;
-
-    const std::vector<std::string> lines = zep::results::HistoryTailLines(text, cut);
+    const std::vector<std::string> lines = zep::results::HistoryTailLines(text);
     ZEP_FUZZ_CHECK(lines.size() <= zep::results::kHistoryLines);
     // Written back, the lines read the same (a line that ends in a carriage
     // return of its own loses it: the module writes none such).

@@ -3,16 +3,16 @@
 // bound (small ones reach the paths of lines too long to hold) and the piece
 // size.
 #include "FuzzSupport.h"
-#include "platform/posix/LogScrub.h"
+#include "platform/collect/LogScrub.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    using zep::platform::LogScrubber;
+    using zep::collect::LogScrubber;
     if (size == 0) return 0;
     const std::size_t bound = (data[0] & 0x0F) == 0 ? LogScrubber::kDefaultMaxLineBytes : (data[0] & 0x0F) * 4u;
     const std::size_t piece = 1 + (data[0] >> 4);
     const std::string_view input = zep::fuzz::Bytes(data + 1, size - 1);
 
-    const std::string whole = zep::platform::ScrubText(input, bound);
+    const std::string whole = zep::collect::ScrubText(input, bound);
     LogScrubber scrubber(bound);
     std::string pieces;
     for (std::size_t i = 0; i < input.size(); i += piece) scrubber.Feed(input.substr(i, piece), pieces);

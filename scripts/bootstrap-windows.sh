@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Prepares the Windows cross build: Debian's mingw-w64 compilers and Wine, and
 # a prefix of static Windows libraries built with cmake/mingw-w64-x86_64.cmake:
-#   JsonCpp, libzip (over mingw zlib)  from Debian's source packages,
+#   JsonCpp, libzip (over mingw zlib), libdeflate  from Debian's source packages,
 #   GoogleTest + GoogleMock            from the googletest package's sources,
 #   fmt, utfcpp                        Debian's headers, used header-only.
 #
@@ -31,7 +31,7 @@ packages=(
   googletest                  # GoogleTest/GoogleMock sources, built for Windows
   libfmt-dev libutfcpp-dev    # header-only libraries, same versions as the Linux build
   dpkg-dev                    # dpkg-source, which apt-get source unpacks with
-  cmake ninja-build pkgconf   # the build
+  cmake ninja-build pkgconf make  # the build (make: libdeflate's own Makefile)
 )
 missing=()
 for package in "${packages[@]}"; do
@@ -123,7 +123,7 @@ $one_line}" && changed=1
 # "<package> <version>" of what apt-get source would fetch, from the local
 # indexes (one apt call: it is the slow part of a cached run).
 source_versions() {
-  apt-get source --print-uris -qq libjsoncpp libzip 2>/dev/null |
+  apt-get source --print-uris -qq libjsoncpp libzip libdeflate 2>/dev/null |
     sed -n "s/^'[^']*' \([^_ ]*\)_\(.*\)\.dsc .*/\1 \2/p" || true
 }
 versions="$(source_versions)"
@@ -133,8 +133,9 @@ if [ "$changed" = 1 ] || [ -z "$versions" ]; then
 fi
 jsoncpp_version="$(awk '$1 == "libjsoncpp" { print $2 }' <<<"$versions")"
 libzip_version="$(awk '$1 == "libzip" { print $2 }' <<<"$versions")"
-if [ -z "$jsoncpp_version" ] || [ -z "$libzip_version" ]; then
-  echo "bootstrap-windows: apt finds no source package for libjsoncpp or libzip" >&2
+libdeflate_version="$(awk '$1 == "libdeflate" { print $2 }' <<<"$versions")"
+if [ -z "$jsoncpp_version" ] || [ -z "$libzip_version" ] || [ -z "$libdeflate_version" ]; then
+  echo "bootstrap-windows: apt finds no source package for libjsoncpp, libzip or libdeflate" >&2
   echo "  (entries written: $ours_sources, $ours_list)" >&2
   exit 1
 fi
@@ -143,6 +144,7 @@ fi
 package_version() { dpkg-query -W -f='${Version}' "$1"; }
 key="libjsoncpp $jsoncpp_version
 libzip $libzip_version
+libdeflate $libdeflate_version
 googletest $(package_version googletest)
 libfmt-dev $(package_version libfmt-dev)
 libutfcpp-dev $(package_version libutfcpp-dev)
@@ -194,6 +196,7 @@ cmake_project() {  # name source-dir [cmake options...]
 
 fetch_source libjsoncpp "$jsoncpp_version"
 fetch_source libzip "$libzip_version"
+fetch_source libdeflate "$libdeflate_version"
 
 cmake_project jsoncpp "$(unpacked libjsoncpp)" \
   -DBUILD_STATIC_LIBS=ON -DBUILD_OBJECT_LIBS=OFF \
@@ -213,6 +216,19 @@ sed -i 's/^#include(CMakeFindDependencyMacro)/include(CMakeFindDependencyMacro)/
         s/^#find_dependency(ZLIB::ZLIB)/find_dependency(ZLIB)/' \
   "$prefix/lib/cmake/libzip/libzip-config.cmake"
 sed -i '/^Libs\.private:/d; s/^Libs: .*/& -ladvapi32 -lz/' "$prefix/lib/pkgconfig/libzip.pc"
+
+# libdeflate builds with its own Makefile: the static library only (its
+# mingw name is libdeflatestatic.lib), installed under the usual names.
+echo "  libdeflate"
+libdeflate_source="$(unpacked libdeflate)"
+logged "$deps_dir/build/libdeflate.log" make -C "$libdeflate_source" -j "$jobs" \
+  CC=x86_64-w64-mingw32-gcc-posix AR=x86_64-w64-mingw32-ar CFLAGS=-O2 libdeflatestatic.lib
+mkdir -p "$prefix/lib/pkgconfig" "$prefix/include"
+cp "$libdeflate_source/libdeflatestatic.lib" "$prefix/lib/libdeflate.a"
+cp "$libdeflate_source/libdeflate.h" "$prefix/include/"
+sed -e "s|@PREFIX@|$prefix|; s|@LIBDIR@|$prefix/lib|; s|@INCDIR@|$prefix/include|" \
+    -e "s|@VERSION@|${libdeflate_version%%-*}|" \
+  "$libdeflate_source/libdeflate.pc.in" >"$prefix/lib/pkgconfig/libdeflate.pc"
 
 cmake_project googletest /usr/src/googletest -DBUILD_GMOCK=ON -DINSTALL_GTEST=ON
 

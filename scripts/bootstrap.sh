@@ -9,12 +9,15 @@ packages=(
   libssl-dev                     # SHA-256 (and later token signatures)
   libfmt-dev                     # type-safe printf-style log formatting
   libutfcpp-dev                  # UTF-8 <-> wide conversions
-  libzip-dev                     # zip archives on Linux (deflate)
+  libdeflate-dev                 # deflate of the scan's archives
+  zlib1g-dev                     # CRC-32 of the scan's archives, the inflate that joins pieces
+  libzip-dev                     # reading zip archives: tests, zepdiag's summary, benchmarks
   libmosquitto-dev               # zepdiag serve: the MQTT client
   libcurl4-openssl-dev           # zepdiag serve: HTTPS uploads (OpenSSL, for the shared TLS policy)
   libgtest-dev libgmock-dev      # tests
   mosquitto mosquitto-clients    # integration tests: a real broker, and mosquitto_pub
   libcpp-httplib-dev openssl     # integration tests: the HTTPS upload server, certificates made per run
+  unzip python3                  # tests: the archives read by unzip -t and Python's zipfile
   libbenchmark-dev               # benchmarks
   dpkg-dev file                  # the Debian package: dpkg-shlibdeps and dpkg-architecture, file for CPack
   clang libclang-rt-14-dev       # fuzzing: libFuzzer and clang's sanitizer runtimes

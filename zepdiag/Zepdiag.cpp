@@ -386,13 +386,7 @@ int Run(const Options& options, std::ostream& out, std::ostream& err) {
     }
     const auto hub = NewHub();
     zep::platform::Env env = DeviceFolderEnv(dir, hub);
-    if (options.native) {
-        env.collection = zep::platform::NativeCollectionEnv();
-        if (!env.collection) {
-            err << "zepdiag: --native: no native collection in this build yet; scans collect with PowerShell\n";
-            return kUnusable;
-        }
-    }
+    if (options.native) env.collection = zep::platform::NativeCollectionEnv();
     const Session session = StartModule(dir, hub, std::move(env));
     switch (options.command) {
         case Command::Scan: return RunScan(session, options, out);

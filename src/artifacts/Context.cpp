@@ -98,8 +98,8 @@ void DiagnosticsManager::AddZEPRegistryData(const std::wstring& contextFolder) {
 
 void DiagnosticsManager::AddZEPLog(const std::wstring& agentFolder) {
     const std::wstring source = AgentRoot() + NativePath(L"\\Log");
-    std::vector<std::wstring> files;
-    if (!FileSystem::directoryExists(source) || FileSystem::GetFileListForFolder(source, L"", files) == 0) {
+    // Missing, or holding no file at all: the walk stops at the first file.
+    if (!FileSystem::folderHoldsFiles(source)) {
         g_log.d(L"%s ZEP Log Folder does not exist", kAddZepLog);
         return;
     }

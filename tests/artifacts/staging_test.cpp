@@ -53,8 +53,9 @@ protected:
 };
 
 TEST_F(StagingTest, ZipHoldsTheComponentsTheAgentsContextAndTheScanResult) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();
-    WriteText(programdata / "DB" / "old\xFF.db", "old");
+#ifndef _WIN32
+    WriteText(programdata / "DB" / "old\xFF.db", "old");  // names are UTF-16 on Windows
+#endif
     WriteResult("ZEP");
     WriteResult("com.quorin.vpn");
     WriteText(latest / "LD-TEST01_old.zip", "old");
@@ -72,15 +73,16 @@ TEST_F(StagingTest, ZipHoldsTheComponentsTheAgentsContextAndTheScanResult) {
     EXPECT_FALSE(fs::exists(latest / "LD-TEST01_scan1")) << "the staging folder is deleted";
     EXPECT_TRUE(ArtifactsProvided());
     auto read = [&](const char* name) { return zep::testing::ZipRead(zip, name).value_or(""); };
+#ifndef _WIN32
     // A name that is not UTF-8 is listed with its byte escaped, not replaced.
     EXPECT_NE(read("ZEP/context/zep_programdata_files.txt").find("/DB/old\\xFF.db\n"), std::string::npos);
+#endif
     EXPECT_TRUE(Parse(read("ZEP/component-result.json"))["artifactsProvided"].asBool());
     EXPECT_EQ(read("ZEP/Log/agent.log"), "{\"gw\":\"[REDACTED_IP]\"}\n");
 }
 
 // Without the agent's folder, or any temporary folder, what exists is still packed.
 TEST_F(StagingTest, WithoutTheAgentsFolderTheRestIsStillPacked) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();
     for (const bool otherComponent : {false, true}) {
         if (otherComponent) WriteResult("com.quorin.vpn");
         manager->CreateZipFolder();
@@ -99,7 +101,6 @@ TEST_F(StagingTest, WithoutTheAgentsFolderTheRestIsStillPacked) {
 // A logical device id from outside can neither move the staging folder out of
 // the latest folder nor give the archive a name that the upload then misses.
 TEST_F(StagingTest, TheLogicalDeviceIdNeitherEscapesNorSplitsTheZipsName) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();
     const std::pair<std::wstring, std::string> cases[] = {
         {L"LD:1?", "LD_1__scan1.zip"},
         {L"../../../escape", ".._.._.._escape_scan1.zip"},

@@ -126,12 +126,10 @@ TEST_F(OrchestrationTest, RequestIdsThatAreOneFileNameNameTheScanAndTheRestGetAG
         } else {
             EXPECT_EQ(name, c.scanName) << c.json;
         }
-        // Whatever its name, the scan's zip is found and uploaded (where
-        // this system packs one).
-        if (!zep::platform::NativeCollectionEnv()) continue;
+        // Whatever its name, the scan's zip is found and uploaded.
         const auto uploads = platform.storage->Uploads();
         ASSERT_FALSE(uploads.empty()) << c.json;
-        EXPECT_TRUE(std::filesystem::is_regular_file(uploads.back().filePath)) << c.json;
+        EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::u8path(uploads.back().filePath))) << c.json;
     }
     EXPECT_TRUE(std::filesystem::is_empty(platform.rootPath / "victim"));
     EXPECT_EQ(platform.log->Count("cannot name the scan's folders"), replaced);
@@ -199,7 +197,7 @@ TEST_F(OrchestrationTest, AnythingThrownOutOfAScanIsCaughtAndTheNextScanRuns) {
 // (no scan-result.json) but not the scan: what was staged is still zipped and
 // the scan lock is free for the next scan. A nesting bomb is just malformed.
 TEST_F(OrchestrationTest, HostilePackageDocumentsEndTheSummaryButNotTheScan) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();
+    ZEP_REQUIRE_SHELL_PACKAGE_SCRIPTS();
     platform.policy->Add(L"com.quorin.vpn", L"VPN");
     zep::testing::WriteText(platform.rootPath / "packages" / "com.quorin.vpn" / "temp" / "install.sh", "");
     std::string document = R"({"componentId":"com.quorin.vpn","executionTimeSeconds":"abc","tests":[]})";

@@ -64,7 +64,6 @@ TEST_F(ScanConcurrencyTest, ConcurrentCallersNeverOverlapAndEveryScanRuns) {
 }
 
 TEST_F(ScanConcurrencyTest, RequestArrivingDuringAScanWaitsForItToEnd) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();
     registry->held = true;
     manager->StartDiagnosticsScan(211, std::nullopt);
     while (registry->waiting.load() == 0) std::this_thread::sleep_for(1ms);

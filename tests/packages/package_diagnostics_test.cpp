@@ -47,7 +47,7 @@ protected:
 };
 
 TEST_F(PackageDiagnosticsTest, PackagesWithoutFolderScriptOrSafeIdAreSkipped) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();
+    ZEP_REQUIRE_SHELL_PACKAGE_SCRIPTS();
     platform.policy->Add(L"com.quorin.nofolder", L"No folder");
     platform.policy->Add(L"com.quorin.noscript", L"No script");
     WriteText(PackageTemp("com.quorin.noscript") / "install.ps1", "");  // the Windows script is not ours
@@ -67,7 +67,7 @@ TEST_F(PackageDiagnosticsTest, PackagesWithoutFolderScriptOrSafeIdAreSkipped) {
 // An argument vector, never a shell line, in the policy's order, under the
 // child-process ceiling (30 minutes unless the registry says otherwise).
 TEST_F(PackageDiagnosticsTest, ScriptRunsAsAnArgumentVectorInListOrderUnderTheCeiling) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();
+    ZEP_REQUIRE_SHELL_PACKAGE_SCRIPTS();
     InstallPackage("com.quorin.b");
     InstallPackage("com.quorin.a");
     manager->GenerateDiagnosticsForPackages();
@@ -106,7 +106,7 @@ TEST_F(PackageDiagnosticsTest, WindowsWayRunsThePowerShellCommandLine) {
 // Judged after the script ended: exactly the time-out is in time and a quick
 // failure keeps the script's own result; only a longer run gets the time-out result.
 TEST_F(PackageDiagnosticsTest, TimeOutResultReplacesTheScriptsOnlyWhenItRanTooLong) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();
+    ZEP_REQUIRE_SHELL_PACKAGE_SCRIPTS();
     InstallPackage("com.quorin.slow");
     const auto ownResult = [&] { return ReadText(Output("com.quorin.slow") / "component-result.json"); };
     ScriptTakes(60s, 0);

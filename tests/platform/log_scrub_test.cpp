@@ -1,18 +1,16 @@
 // The log scrub: the line rule, the encodings told by the byte-order mark,
 // pieces of any size and lines longer than the memory bound.
-#include "platform/posix/LogScrub.h"
-
-#include <sys/mman.h>
-#include <unistd.h>
+#include "platform/collect/LogScrub.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "platform/posix/LogScrubFile.h"
+#include "platform/collect/LogScrubFile.h"
+#include "support/MemoryFiles.h"
 
-namespace zep::platform {
+namespace zep::collect {
 namespace {
 
 TEST(LogScrubTest, RedactsExactlyTheQuotedDottedQuadsOfLinesWithoutVersion) {
@@ -121,19 +119,14 @@ TEST(LogScrubTest, ALineLongerThanTheBoundIsDecidedAtTheBound) {
         const std::string expected = "a=\"[REDACTED_IP]\"\r\n" + early + "\n" + (bound == 64 ? lateRedacted : late) +
                                      "\r\nlast \"[REDACTED_IP]\"";
         for (const std::size_t chunk : {1u, 7u, 4096u}) {
-            const int in = ::memfd_create("scrub", MFD_CLOEXEC);
-            const int out = ::memfd_create("scrubbed", MFD_CLOEXEC);
-            ASSERT_EQ(::pwrite(in, input.data(), input.size(), 0), static_cast<ssize_t>(input.size()));
+            zep::testing::MemoryInput in(input);
+            zep::testing::MemoryOutput out;
             const ScrubOutcome outcome = ScrubFile(in, out, ScrubLimits{chunk, bound});
-            std::string output(input.size() + 100, '\0');
-            output.resize(static_cast<std::size_t>(::pread(out, output.data(), output.size(), 0)));
-            ::close(in);
-            ::close(out);
             EXPECT_TRUE(outcome.ok && outcome.changed);
-            EXPECT_EQ(output, expected) << "chunk " << chunk << ", bound " << bound;
+            EXPECT_EQ(out.bytes, expected) << "chunk " << chunk << ", bound " << bound;
         }
     }
 }
 
 }  // namespace
-}  // namespace zep::platform
+}  // namespace zep::collect

@@ -1,4 +1,4 @@
-#include "platform/posix/NativeCollection.h"
+#include "platform/collect/NativeCollection.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -9,17 +9,26 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <map>
 #include <set>
 #include <string>
 
+#include "platform/agent/CommonBase.h"
+#include "platform/collect/LogScrub.h"
+#include "platform/posix/ShellPackageScript.h"
+#include "platform/util/Crypto.h"
 #include "platform/util/MemoryRegistry.h"
 #include "platform/util/Paths.h"
 #include "support/TestPlatform.h"
+#include "support/ZipReader.h"
+#include "support/posix/ChildProcess.h"
 
 namespace zep::platform {
 namespace {
@@ -74,20 +83,28 @@ protected:
     const fs::path source = platform.rootPath / "programdata" / "Log";
     const fs::path destination = platform.rootPath / "staging" / "zep" / "Log";
     const fs::path outside = platform.rootPath / "outside";
-    NativeCollection collection;
+    collect::NativeCollection collection{ShellPackageScript()};
 };
 
-TEST_F(NativeCollectionTest, CopyLogsTakesTheNewestFiftyMebibytesWithTheirTimesButNoArchivesLinksOrFifos) {
+// The copy is planned, not made: the archive of the staging folder holds
+// the logs, read from where they are.
+TEST_F(NativeCollectionTest, CopyLogsTakesTheNewestFiftyMebibytesButNoArchivesLinksOrFifos) {
     Make(source / "current.log", 30 * kMiB, 10s);
     Make(source / "sub" / "rotated.log", 20 * kMiB, 20s);  // fills the 50 MiB exactly
     Make(source / "oldest.log", 1, 30s);
     Make(source / "sub" / "newest.ZIP", 100, 1s);
+    fs::create_directories(source / "empty");
 
     WithTraps(source, [&] { EXPECT_EQ(collection.CopyLogs(W(source), W(destination), 52428800), 1); });
+    EXPECT_EQ(Tree(destination), std::set<std::string>{}) << "nothing copied yet";
 
-    EXPECT_EQ(Tree(destination), (std::set<std::string>{"current.log", "sub/", "sub/rotated.log"}));
-    EXPECT_EQ(fs::file_size(destination / "sub" / "rotated.log"), 20 * kMiB);
-    EXPECT_EQ(fs::last_write_time(destination / "current.log"), fs::last_write_time(source / "current.log"));
+    const fs::path staging = destination.parent_path().parent_path();
+    const fs::path zip = platform.rootPath / "staging.zip";
+    ASSERT_EQ(collection.CompressFolder(W(staging), W(zip)), 1);
+    EXPECT_EQ(zep::testing::ZipEntries(zip),
+              (std::set<std::string>{"zep/", "zep/Log/", "zep/Log/current.log", "zep/Log/empty/", "zep/Log/sub/",
+                                     "zep/Log/sub/rotated.log"}));
+    EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/sub/rotated.log"), std::string(20 * kMiB, '\0'));
 }
 
 TEST_F(NativeCollectionTest, LimitLogSizeDropsTheFileThatCrossesAndEveryOlderOneButNoLinkTarget) {
@@ -170,6 +187,255 @@ TEST_F(NativeCollectionTest, CompressFolderPacksRelativeNamesWithoutLinksAndNeve
     EXPECT_EQ(entries, (std::map<std::string, std::string>{{"scan-result.json", "{}"}, {"zep/", ""},
                                                            {"zep/context/", ""},
                                                            {"zep/context/zepVersion.txt", "4.12"}}));
+}
+
+// Files seen through the seam with a hand in between: `onOpen` may change a
+// file just before it is opened; archives count their reads; a file named in
+// `failAfter` fails its reads past that many bytes; temporary archives
+// (".part") take at most `archiveRoom` bytes, as on a full disk.
+class WatchedFiles : public FileSystemEnvWrapper {
+public:
+    using FileSystemEnvWrapper::FileSystemEnvWrapper;
+
+    std::function<void(const std::wstring& name)> onOpen = [](const std::wstring&) {};
+    std::map<std::wstring, std::size_t> failAfter;
+    std::size_t archiveRoom = SIZE_MAX;
+    std::atomic<int> archiveReads{0};
+
+    std::unique_ptr<Folder> OpenFolder(const std::wstring& path, FsStatus* status = nullptr) override {
+        return Wrap(FileSystemEnvWrapper::OpenFolder(path, status));
+    }
+
+private:
+    static bool EndsWith(const std::wstring& name, const std::wstring& tail) {
+        return name.size() >= tail.size() && name.compare(name.size() - tail.size(), tail.size(), tail) == 0;
+    }
+
+    class Input : public InputFile {
+    public:
+        Input(std::unique_ptr<InputFile> file, std::atomic<int>* reads, std::size_t room)
+            : file_(std::move(file)), reads_(reads), room_(room) {}
+        bool Read(char* buffer, std::size_t size, std::size_t& got, FsStatus* status = nullptr) override {
+            if (reads_) ++*reads_;
+            if (size > room_) {
+                if (status) *status = FsStatus{FsError::Failed, "Input/output error"};
+                return false;
+            }
+            if (!file_->Read(buffer, size, got, status)) return false;
+            room_ -= got;
+            return true;
+        }
+        bool SeekTo(std::uint64_t offset, FsStatus* status = nullptr) override { return file_->SeekTo(offset, status); }
+        EntryInfo Info() override { return file_->Info(); }
+
+    private:
+        std::unique_ptr<InputFile> file_;
+        std::atomic<int>* reads_;
+        std::size_t room_;
+    };
+
+    class Output : public OutputFile {
+    public:
+        Output(std::unique_ptr<OutputFile> file, std::size_t room) : file_(std::move(file)), room_(room) {}
+        bool Write(std::string_view data, FsStatus* status = nullptr) override {
+            if (data.size() > room_) {
+                if (status) *status = FsStatus{FsError::Failed, "No space left on device"};
+                return false;
+            }
+            room_ -= data.size();
+            return file_->Write(data, status);
+        }
+        bool Sync(FsStatus* status = nullptr) override { return file_->Sync(status); }
+        bool SetModified(std::int64_t modifiedNs) override { return file_->SetModified(modifiedNs); }
+        bool Close(FsStatus* status = nullptr) override { return file_->Close(status); }
+
+    private:
+        std::unique_ptr<OutputFile> file_;
+        std::size_t room_;
+    };
+
+    class Watched : public FolderWrapper {
+    public:
+        Watched(std::unique_ptr<Folder> folder, WatchedFiles& files) : FolderWrapper(std::move(folder)), files_(files) {}
+        std::unique_ptr<Folder> OpenFolder(std::wstring_view name, FsStatus* status = nullptr) override {
+            return files_.Wrap(target().OpenFolder(name, status));
+        }
+        std::unique_ptr<Folder> CreateFolder(std::wstring_view name, FsStatus* status = nullptr) override {
+            return files_.Wrap(target().CreateFolder(name, status));
+        }
+        std::unique_ptr<InputFile> OpenFile(std::wstring_view name, FsStatus* status = nullptr) override {
+            const std::wstring text(name);
+            files_.onOpen(text);
+            auto file = target().OpenFile(name, status);
+            if (!file) return file;
+            const auto limit = files_.failAfter.find(text);
+            return std::make_unique<Input>(std::move(file), EndsWith(text, L".zip") ? &files_.archiveReads : nullptr,
+                                           limit == files_.failAfter.end() ? SIZE_MAX : limit->second);
+        }
+        std::unique_ptr<OutputFile> OpenForWriting(std::wstring_view name, Create mode,
+                                                   FsStatus* status = nullptr) override {
+            auto file = target().OpenForWriting(name, mode, status);
+            if (!file || !EndsWith(std::wstring(name), L".part")) return file;
+            return std::make_unique<Output>(std::move(file), files_.archiveRoom);
+        }
+
+    private:
+        WatchedFiles& files_;
+    };
+
+    std::unique_ptr<Folder> Wrap(std::unique_ptr<Folder> folder) {
+        if (!folder) return folder;
+        return std::make_unique<Watched>(std::move(folder), *this);
+    }
+};
+
+// The agent's logs as the scan collects them: planned, thinned, scrubbed and
+// packed; or, when the archive cannot be written, copied into the staging
+// folder as they would have been.
+class CollectedLogsTest : public NativeCollectionTest {
+protected:
+    void SetUp() override {
+        WriteText(source / "agent.log", kAgent);
+        WriteText(source / "service.log", utf16("a=\"1.2.3.4\""));
+        WriteText(source / "sub" / "nested.log", "peer=\"10.1.2.3\"\n");
+        WriteText(source / "old.log", std::string(600, 'o'));
+        WriteText(source / "stale.zip", "PK");
+        int age = 0;
+        for (const char* name : {"stale.zip", "agent.log", "service.log", "sub/nested.log", "old.log"}) {
+            fs::last_write_time(source / name, now - std::chrono::minutes(++age));
+        }
+        files = std::make_shared<WatchedFiles>(platform.env.files);
+        platform.env.files = files;
+        platform.Reinstall();
+    }
+
+    // The four steps of the scan's log collection, as AddZEPLog runs them.
+    void Collect() {
+        EXPECT_EQ(collection.CopyLogs(W(source), W(destination), 52428800), 1);
+        EXPECT_EQ(collection.RemoveArchives(W(destination)), 1);
+        EXPECT_EQ(collection.LimitLogSize(W(destination), 500), 1);  // old.log crosses it
+        EXPECT_EQ(collection.ScrubLogs(W(destination)), 1);
+    }
+
+    static std::string utf16(const std::string& ascii) {
+        std::string bytes = "\xFF\xFE";
+        for (const char c : ascii) bytes += std::string{c, '\0'};
+        return bytes;
+    }
+
+    static constexpr const char* kAgent = "peer=\"10.1.2.3\"\r\nVersion \"10.1.2.3\"\r\n";
+    static constexpr const char* kAgentScrubbed = "peer=\"[REDACTED_IP]\"\r\nVersion \"10.1.2.3\"\r\n";
+    std::shared_ptr<WatchedFiles> files;
+    const fs::path staging = platform.rootPath / "staging";
+    const fs::path zip = platform.rootPath / "staging.zip";
+};
+
+TEST_F(CollectedLogsTest, TheArchiveHoldsWhatTheStepsLeftReadFromWhereTheLogsAre) {
+    Collect();
+    ASSERT_EQ(collection.CompressFolder(W(staging), W(zip)), 1);
+
+    EXPECT_EQ(zep::testing::ZipEntries(zip),
+              (std::set<std::string>{"zep/", "zep/Log/", "zep/Log/agent.log", "zep/Log/service.log", "zep/Log/sub/",
+                                     "zep/Log/sub/nested.log"}));
+    EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/agent.log"), kAgentScrubbed);
+    EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/service.log"), utf16("a=\"[REDACTED_IP]\""));
+    EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/sub/nested.log"), "peer=\"10.1.2.3\"\n");
+    EXPECT_EQ(ReadText(source / "agent.log"), kAgent) << "the agent's own log is left as it is";
+    EXPECT_EQ(Tree(staging), (std::set<std::string>{"zep/", "zep/Log/"})) << "no copy, no temporary file";
+    EXPECT_EQ(Tree(platform.rootPath / "programdata"), (std::set<std::string>{"Log/", "Log/agent.log", "Log/old.log",
+                                                                               "Log/service.log", "Log/stale.zip",
+                                                                               "Log/sub/", "Log/sub/nested.log"}));
+}
+
+TEST_F(CollectedLogsTest, AnArchiveThatCannotBeWrittenLeavesTheStagingFolderAsACopyWouldHave) {
+    files->archiveRoom = 100;
+    Collect();
+    EXPECT_EQ(collection.CompressFolder(W(staging), W(zip)), 0);
+
+    EXPECT_FALSE(fs::exists(zip));
+    for (const auto& entry : fs::directory_iterator(platform.rootPath)) {
+        EXPECT_NE(entry.path().extension(), ".part") << "a temporary archive is left";
+    }
+    EXPECT_EQ(Tree(destination), (std::set<std::string>{"agent.log", "service.log", "sub/", "sub/nested.log"}));
+    EXPECT_EQ(ReadText(destination / "agent.log"), kAgentScrubbed);
+    EXPECT_EQ(ReadText(destination / "service.log"), utf16("a=\"[REDACTED_IP]\""));
+    EXPECT_EQ(ReadText(destination / "sub" / "nested.log"), "peer=\"10.1.2.3\"\n");
+    EXPECT_EQ(fs::last_write_time(destination / "sub" / "nested.log"), fs::last_write_time(source / "sub" / "nested.log"));
+
+    // Packed later (by hand, or the next attempt), the staged copies are what goes in.
+    files->archiveRoom = SIZE_MAX;
+    ASSERT_EQ(collection.CompressFolder(W(staging), W(zip)), 1);
+    EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/agent.log"), kAgentScrubbed);
+}
+
+// The upload hashes the archive the packer just wrote: the hash made while
+// it was written is handed over, and the archive is not read again; an
+// archive changed since is read.
+TEST_F(CollectedLogsTest, TheUploadTakesTheArchivesHashWithoutReadingItAgain) {
+    Collect();
+    ASSERT_EQ(collection.CompressFolder(W(staging), W(zip)), 1);
+    const std::wstring expected = text::FromUtf8(crypto::Sha256Hex(ReadText(zip)));
+
+    EXPECT_EQ(utility::GetFileHash(W(zip), L"SHA-256"), expected);
+    EXPECT_EQ(files->archiveReads.load(), 0);
+
+    std::string changed = ReadText(zip);
+    changed.back() ^= 1;  // the same size, rewritten
+    fs::remove(zip);
+    WriteText(zip, changed);
+    EXPECT_EQ(utility::GetFileHash(W(zip), L"SHA-256"), text::FromUtf8(crypto::Sha256Hex(changed)));
+    EXPECT_GT(files->archiveReads.load(), 0);
+}
+
+// Files change while they are packed: the archive stays whole and holds
+// each as it could be read, at most as large as it was listed.
+TEST_F(CollectedLogsTest, FilesThatChangeOrVanishWhilePackedLeaveAWholeArchive) {
+    const std::string big(3 * kMiB, 'b');
+    WriteText(staging / "grows.log", "as listed\n");
+    WriteText(staging / "shrinks.log", std::string(5000, 's'));
+    WriteText(staging / "gone.log", "gone");
+    WriteText(staging / "broken.log", big);
+    files->failAfter[L"broken.log"] = 1536 * 1024;  // a read error midway, after pieces were written
+    files->onOpen = [&](const std::wstring& name) {
+        if (name == L"grows.log") std::ofstream(staging / "grows.log", std::ios::app) << "written since\n";
+        if (name == L"shrinks.log") fs::resize_file(staging / "shrinks.log", 10);
+        if (name == L"gone.log") fs::remove(staging / "gone.log");
+    };
+
+    ASSERT_EQ(collection.CompressFolder(W(staging), W(zip)), 1);
+    EXPECT_EQ(zep::testing::ZipEntries(zip),
+              (std::set<std::string>{"broken.log", "grows.log", "shrinks.log"}));
+    EXPECT_EQ(zep::testing::ZipRead(zip, "grows.log"), "as listed\n");
+    EXPECT_EQ(zep::testing::ZipRead(zip, "shrinks.log"), std::string(10, 's'));
+    EXPECT_EQ(zep::testing::ZipRead(zip, "broken.log"), big.substr(0, 1536 * 1024));
+    EXPECT_EQ(zep::testing::RunToEnd({"unzip", "-tq", zip.string()}, platform.rootPath / "unzip.out"), 0);
+}
+
+// Large logs are deflated in pieces on several threads and small ones
+// together; the pieces join into one stream per file, the scrub runs across
+// piece boundaries, and the CRCs combine.
+TEST_F(CollectedLogsTest, PiecesOfLargeLogsAndBatchesOfSmallOnesJoinIntoTheSameContent) {
+    std::string large;
+    for (int i = 0; large.size() < 3 * kMiB; ++i) {
+        large += "line " + std::to_string(i) + " peer=\"10." + std::to_string(i % 256) + ".0.1\"\n";
+    }
+    WriteText(source / "large.log", large);
+    WriteText(source / "sub" / "large.log", large);
+    for (int i = 0; i < 300; ++i) WriteText(source / "small" / (std::to_string(i) + ".log"), std::to_string(i) + "\n");
+    for (const unsigned workers : {0u, 2u}) {
+        SCOPED_TRACE(std::to_string(workers) + " threads");
+        collect::NativeCollection pieces{ShellPackageScript(), collect::PackOptions{workers, 64 * 1024, {}}};
+        fs::remove(zip);
+        EXPECT_EQ(pieces.CopyLogs(W(source), W(destination), 52428800), 1);
+        EXPECT_EQ(pieces.ScrubLogs(W(destination)), 1);
+        ASSERT_EQ(pieces.CompressFolder(W(staging), W(zip)), 1);
+
+        EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/large.log"), collect::ScrubText(large));
+        EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/sub/large.log"), large);
+        EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/small/299.log"), "299\n");
+        EXPECT_EQ(zep::testing::ZipEntries(zip).size(), 300u + 10u);
+        EXPECT_EQ(zep::testing::RunToEnd({"unzip", "-tq", zip.string()}, platform.rootPath / "unzip.out"), 0);
+    }
 }
 
 TEST_F(NativeCollectionTest, PackageScriptRunsThroughTheShellAsAnArgumentVector) {

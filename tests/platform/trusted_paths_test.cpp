@@ -225,6 +225,15 @@ TEST_F(TrustedPathsTest, ALockExcludesEveryOtherHolderUntilReleased) {
     EXPECT_NE(folder->Lock(L".lock", false), nullptr);
 }
 
+TEST_F(TrustedPathsTest, AFolderHoldsFilesOnlyWhenAFileLiesBelowItNotThroughALink) {
+    fs::create_directories(Data() / "empty" / "deeper" / "still");
+    ASSERT_TRUE(testing::MakeFolderLink(Data() / "empty" / "deeper" / "to-victim", Victim()));
+    EXPECT_FALSE(FileSystem::folderHoldsFiles(Wide(Data() / "empty")));
+    EXPECT_FALSE(FileSystem::folderHoldsFiles(Wide(Data() / "missing")));
+    WriteText(Data() / "empty" / "deeper" / "still" / "one.log", "x");
+    EXPECT_TRUE(FileSystem::folderHoldsFiles(Wide(Data() / "empty")));
+}
+
 TEST_F(TrustedPathsTest, PathsOutsideTheRootsAreUsedAsGiven) {
     // The caller named this folder: a link on the way to it is its business.
     ASSERT_TRUE(testing::MakeFolderLink(platform.rootPath / "shortcut", Victim()));

@@ -147,7 +147,6 @@ class PluginOutcomeTest : public PluginRequestTest,
                           public ::testing::WithParamInterface<std::tuple<OutcomeCase, bool>> {};
 
 TEST_P(PluginOutcomeTest, LeavesTheDocumentsHistoryAndFilesOfItsOutcome) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();
     const auto& [c, deleteWish] = GetParam();
     DiagnosticsOperationResult answer = c.answer;
     answer.deleteFilesOnUpload = deleteWish;
@@ -194,7 +193,6 @@ INSTANTIATE_TEST_SUITE_P(Outcomes, PluginOutcomeTest,
                          });
 
 TEST_F(PluginRequestTest, ThePluginsOwnResultIsKeptOnSuccessAndOverwrittenOnTimeOut) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();
     Request();
     EXPECT_EQ(ReadText(ElevatedFolder() / "component-result.json"), pluginResult);
     EXPECT_EQ(ZipRead(ZipFile(), "component-result.json"),
@@ -227,7 +225,6 @@ TEST(PluginFailedTestsTest, CountsObjectsWhoseActualAndExpectedTextsDiffer) {
 }
 
 TEST_F(PluginRequestTest, ElevatedAndUserInstancesHaveFoldersZipsAndUploadsOfTheirOwn) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();
     LogInUser();
     pluginResult.clear();
     platform.extensions->plugins[L"pluginx"].elevations = {ElevationType::Elevated, ElevationType::User};
@@ -316,7 +313,6 @@ TEST_F(PluginRequestTest, ADeviceIdWithSeparatorsKeepsTheZipInLatest) {
 }
 
 TEST_F(PluginRequestTest, AUserInstanceWithNobodyLoggedInIsSkippedAndTheNextElevationStillRuns) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();
     platform.extensions->plugins[L"pluginx"].elevations = {ElevationType::User, ElevationType::Elevated};
 
     Request();
@@ -338,7 +334,6 @@ TEST_F(PluginRequestTest, TargetsAndIdsThatReachNoSafeFolderAskNobody) {
 }
 
 TEST_F(PluginRequestTest, TheZipNeedsFiftyMebibytesFree) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();
     WriteText(ElevatedFolder() / "plugin.log", "trace");
     auto disk = InstallSmallDisk();
     for (const std::uint64_t free : {52428799u, 52428800u}) {
@@ -349,7 +344,6 @@ TEST_F(PluginRequestTest, TheZipNeedsFiftyMebibytesFree) {
 }
 
 TEST_F(PluginRequestTest, TheZipPacksTheTopLevelAndLatestScanResultButNotHistoryPreferenceArchivesOrLinks) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();
     const fs::path diag = ElevatedFolder();
     WriteText(diag / "plugin.log", "trace");
     WriteText(diag / "traces" / "run1" / "trace.etl", "etl");
@@ -362,7 +356,11 @@ TEST_F(PluginRequestTest, TheZipPacksTheTopLevelAndLatestScanResultButNotHistory
     WriteText(diag / "latest" / "scan-result.json", R"({"id":"scan1"})");
     WriteText(diag / "latest" / "notes.txt", "latest's other files stay out");
     WriteText(platform.rootPath / "outside" / "secret.txt", "secret");
-    fs::create_symlink(platform.rootPath / "outside" / "secret.txt", diag / "secret-link.txt");
+    // Wine shows a Unix link to a file as the file itself; the backend's
+    // refusal of file links is shown with a double in windows/.
+    if (!zep::testing::RunningUnderWine()) {
+        ASSERT_TRUE(zep::testing::MakeFileLink(diag / "secret-link.txt", platform.rootPath / "outside" / "secret.txt"));
+    }
     WriteText(ZipFile(), "stale");  // replaced, not merged into
 
     ASSERT_TRUE(Zip());

@@ -92,6 +92,12 @@ bool MakeFolderLink(const std::filesystem::path& link, const std::filesystem::pa
            EntryExists(link);
 }
 
+bool MakeFileLink(const std::filesystem::path& link, const std::filesystem::path& target) {
+    if (RunningUnderWine()) return UnixLink(link, target);
+    return ::CreateSymbolicLinkW(link.c_str(), target.c_str(), SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE) &&
+           EntryExists(link);
+}
+
 bool RemoveLink(const std::filesystem::path& link) {
     if (RunningUnderWine()) return UnixRemove(link);
     return ::RemoveDirectoryW(link.c_str()) || ::DeleteFileW(link.c_str());
@@ -122,6 +128,12 @@ bool RunningUnderWine() { return false; }
 bool MakeFolderLink(const std::filesystem::path& link, const std::filesystem::path& target) {
     std::error_code code;
     std::filesystem::create_directory_symlink(target, link, code);
+    return !code;
+}
+
+bool MakeFileLink(const std::filesystem::path& link, const std::filesystem::path& target) {
+    std::error_code code;
+    std::filesystem::create_symlink(target, link, code);
     return !code;
 }
 

@@ -11,6 +11,7 @@
 namespace zep::testing {
 
 bool MakeFolderLink(const std::filesystem::path& link, const std::filesystem::path& target);
+bool MakeFileLink(const std::filesystem::path& link, const std::filesystem::path& target);
 // Removes the link itself (under Wine with /bin/rm: Wine's own calls would
 // act on what the link leads to).
 bool RemoveLink(const std::filesystem::path& link);

@@ -28,6 +28,9 @@ TestPlatform::TestPlatform() : rootPath(MakeTempFolder("zep-test-")), root(path:
     env.agents = agents;
     env.settings = settings;
     env.logs = log;
+    // The module's own packer on every system; the PowerShell way is shown by
+    // its command lines (artifacts/powershell_commands_test, windows/).
+    env.collection = platform::NativeCollectionEnv();
     env.policy = policy;
     env.storage = storage;
     env.events = events;

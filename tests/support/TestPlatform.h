@@ -1,7 +1,7 @@
 // A whole platform made of test doubles, installed for the lifetime of one
 // object: files are real, under a fresh temporary folder (programdata/ is the
 // agent's data root, temp/ the temporary folder, packages/ the package
-// repository); collection is the running system's native one; everything else
+// repository); collection is the native one, on every system; everything else
 // is scripted. The module's log goes to `log`.
 #pragma once
 
@@ -10,6 +10,7 @@
 #include <string>
 
 #include "platform/device/InProcessHub.h"
+#include "platform/env/Env.h"
 #include "platform/util/MemoryRegistry.h"
 #include "support/Fakes.h"
 
@@ -52,12 +53,19 @@ inline constexpr const char* kHistoryLineEnd = "\r\n";
 inline constexpr const char* kHistoryLineEnd = "\n";
 #endif
 
-// Skips a test that needs what only the native collection does (the
-// archives it packs, its scripts' names) on a system that has none yet:
-// Windows, until the native packer is portable.
-#define ZEP_REQUIRE_NATIVE_COLLECTION()                                                  \
-    if (!::zep::platform::NativeCollectionEnv())                                         \
-    GTEST_SKIP() << "needs the native collection, which this system does not have yet"
+// Skips a test of zepdiag's own scans where they collect with PowerShell
+// (Windows: windows/scan_test.cpp shows those with their command lines).
+#define ZEP_REQUIRE_NATIVE_BY_DEFAULT()                     \
+    if (!::zep::platform::DefaultEnv().collection) GTEST_SKIP() \
+        << "zepdiag collects with PowerShell on this system by default"
+
+// Skips a test of packages' install.sh, which only POSIX systems run
+// (Windows runs install.ps1 with the agent's PowerShell line).
+#ifdef _WIN32
+#define ZEP_REQUIRE_SHELL_PACKAGE_SCRIPTS() GTEST_SKIP() << "packages run install.ps1 here"
+#else
+#define ZEP_REQUIRE_SHELL_PACKAGE_SCRIPTS() static_cast<void>(0)
+#endif
 
 // An absolute path in the long-path form the PowerShell command lines take
 // it in ("\\?\" in front on Windows; unchanged elsewhere).

@@ -17,6 +17,7 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -31,6 +32,7 @@
 #include "support/Programs.h"
 #include "support/TempFolder.h"
 #include "support/TestPlatform.h"
+#include "support/ZipReader.h"
 #include "windows/support/StandIn.h"
 
 namespace {
@@ -173,16 +175,32 @@ TEST_F(ZepdiagScanTest, APluginRunsAndItsFolderIsPackedWithTheAgentsLine) {
     EXPECT_THAT(ReadText(plugin / "scan-history.log"), HasSubstr(",Mqtt,1,1,0,\"\"\r\n"));
 }
 
-TEST_F(ZepdiagScanTest, TheNativeWayIsAskedForByName) {
+// Asked for by name, the one-pass packer makes the archive itself: no
+// PowerShell line but the package script's, and the zip (read with libzip) holds the scan's documents,
+// the registry export read through RegGetValueW and the scrubbed logs.
+TEST_F(ZepdiagScanTest, TheNativeWayPacksTheArchiveWithoutPowerShell) {
     ASSERT_EQ(Zepdiag({L"init", L"--device", device.native()}).exitCode, 0);
+    const fs::path log = device / "programdata" / "Log" / "agent.log";
+    zep::testing::WriteText(log, "connect \"10.1.2.3\" version \"1.2.3.4\"\r\nplain \"192.168.0.1\"\r\n");
     const auto scan = Zepdiag({L"scan", L"--native", L"--device", device.native()});
-    if (zep::platform::NativeCollectionEnv()) {
-        EXPECT_EQ(scan.exitCode, 0);
-        EXPECT_TRUE(zep::testing::RecordedCommandLines(record).empty()) << "no PowerShell on the native way";
-    } else {
-        EXPECT_EQ(scan.exitCode, 2);
-        EXPECT_TRUE(zep::testing::RecordedCommandLines(record).empty());
-    }
+    ASSERT_EQ(scan.exitCode, 0) << scan.output;
+
+    Json::Value result;
+    std::istringstream(ReadText(device / "programdata" / "diagnostics" / "latest" / "scan-result.json")) >> result;
+    values["{SCAN}"] = result["id"].asString();
+    // The package's install.ps1 is the one PowerShell line left.
+    EXPECT_EQ(zep::testing::RecordedCommandLines(record), std::vector<std::string>{Line(kPackageScript)});
+    const std::string name = "LD-4F2A9C_" + result["id"].asString() + ".zip";
+    const fs::path zip = device / "outbox" / "0001" / name;
+    const std::set<std::string> entries = zep::testing::ZipEntries(zip);
+    EXPECT_THAT(entries, ::testing::IsSupersetOf({"scan-result.json", "ZEP/context/zep.reg", "ZEP/Log/agent.log"})) << scan.output;
+    const auto scrubbed = zep::testing::ZipRead(zip, "ZEP/Log/agent.log");
+    ASSERT_TRUE(scrubbed.has_value());
+    EXPECT_THAT(*scrubbed, HasSubstr("\"10.1.2.3\" version"));  // a line naming a version is kept
+    EXPECT_THAT(*scrubbed, HasSubstr("plain \"[REDACTED_IP]\""));
+    const auto reg = zep::testing::ZipRead(zip, "ZEP/context/zep.reg");
+    ASSERT_TRUE(reg.has_value());
+    EXPECT_EQ(reg->substr(0, 2), std::string("\xFF\xFE")) << "UTF-16LE with its byte-order mark, as regedit writes";
 }
 
 }  // namespace

@@ -110,7 +110,7 @@ protected:
 
 // A fresh folder becomes the demo device; what is printed is what is on disk.
 TEST_F(ZepdiagTest, ScanReportsItsResultUploadHistoryAndEventAndARepeatUploadsLess) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();  // Windows: see windows/scan_test.cpp
+    ZEP_REQUIRE_NATIVE_BY_DEFAULT();  // Windows: see windows/scan_test.cpp
     const Outcome scan = Zepdiag({"scan", "--device", device.string()});
     ASSERT_EQ(scan.code, 0) << scan.err;
     EXPECT_EQ(SummaryValue(scan.out, "Trigger"), "Manual");
@@ -157,7 +157,7 @@ TEST_F(ZepdiagTest, ScanReportsItsResultUploadHistoryAndEventAndARepeatUploadsLe
 }
 
 TEST_F(ZepdiagTest, OfflineScanIsUploadedWhenTheDeviceComesOnline) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();  // Windows: see windows/scan_test.cpp
+    ZEP_REQUIRE_NATIVE_BY_DEFAULT();  // Windows: see windows/scan_test.cpp
     ASSERT_EQ(Zepdiag({"init", "--device", device.string()}).code, 0);
     SetOnline(false);
     const Outcome scan = Zepdiag({"scan", "--device", device.string()});
@@ -194,7 +194,7 @@ TEST_F(ZepdiagTest, OfflineScanIsUploadedWhenTheDeviceComesOnline) {
 // The module's rate limit lasts as long as the process, so the notify runs in
 // a process of its own: the "threadsafe" death-test style re-runs this binary.
 TEST_F(ZepdiagTest, NotifyRunsThePluginAndUploadsItsZipBesideTheAgents) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();  // Windows: see windows/scan_test.cpp
+    ZEP_REQUIRE_NATIVE_BY_DEFAULT();  // Windows: see windows/scan_test.cpp
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT((NotifyWithThePlugin(), fs::remove_all(root), ExitTellingFailures()), ::testing::ExitedWithCode(0), "");
 }
@@ -281,7 +281,7 @@ TEST_F(ZepdiagTest, HistoryPrintsOnlyTheRingsLinesOfAHugeFile) {
 
 // Scripts read the same facts as one JSON document on standard output.
 TEST_F(ZepdiagTest, JsonOutputIsOneDocumentWithTheFactsOfTheText) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();  // Windows: see windows/scan_test.cpp
+    ZEP_REQUIRE_NATIVE_BY_DEFAULT();  // Windows: see windows/scan_test.cpp
     ASSERT_EQ(Zepdiag({"init", "--device", device.string()}).code, 0);
     SetOnline(false);
     const Outcome scan = Zepdiag({"scan", "--device", device.string(), "--json"});
@@ -322,7 +322,7 @@ TEST_F(ZepdiagTest, JsonOutputIsOneDocumentWithTheFactsOfTheText) {
 }
 
 TEST_F(ZepdiagTest, NotifyJsonReportsThePluginBesideTheAgent) {
-    ZEP_REQUIRE_NATIVE_COLLECTION();  // Windows: see windows/scan_test.cpp
+    ZEP_REQUIRE_NATIVE_BY_DEFAULT();  // Windows: see windows/scan_test.cpp
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto notify = [&] {
         const std::string payload =

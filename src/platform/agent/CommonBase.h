@@ -73,6 +73,9 @@ public:
     // `filter` (all files when empty); returns how many it appended.
     static int GetFileListForFolder(const std::wstring& folder, const std::wstring& filter,
                                     std::vector<std::wstring>& files);
+    // True when `folder` holds a regular file anywhere below it (the walk
+    // stops at the first one).
+    static bool folderHoldsFiles(const std::wstring& folder);
     // Opens the folder `path` (created with its parents when `create`) for
     // work below it by the folder's own operations.
     static std::unique_ptr<zep::platform::Folder> openFolder(const std::wstring& path, bool create);
@@ -104,6 +107,10 @@ void InitLog(Log& log, const std::string& fileName, int maxFiles);
 // gigabytes is never held in memory). `algorithm` "SHA-256" (also "SHA256");
 // empty when the file cannot be read or the algorithm is unknown.
 std::wstring GetFileHash(const std::wstring& path, const std::wstring& algorithm);
+// Hands over the SHA-256 of a file its writer has just finished, so that
+// GetFileHash need not read it again: it is taken for as long as the file
+// has the same identity, size and last write time; anything else is read.
+void RememberFileHash(const zep::platform::EntryInfo& file, const std::wstring& sha256Hex);
 }  // namespace utility
 
 // Registry reads (registry key paths keep their backslashes on every system).

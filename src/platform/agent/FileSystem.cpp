@@ -196,6 +196,11 @@ int FileSystem::GetFileListForFolder(const std::wstring& folder, const std::wstr
     return count;
 }
 
+bool FileSystem::folderHoldsFiles(const std::wstring& folder) {
+    const auto root = OpenPath(folder, false);
+    return root && zep::platform::HoldsAnyFile(*root);
+}
+
 std::unique_ptr<Folder> FileSystem::openFolder(const std::wstring& path, bool create) {
     return OpenPath(path, create);
 }

@@ -86,9 +86,10 @@ std::unique_ptr<Folder> Walk(std::unique_ptr<Folder> folder, const std::vector<s
 // Depth-first over a tree of open folders, entries in name order. Only the
 // folders on the current path are open, at most kMaxDepth of them. Each
 // folder carries a context of the caller's (for a copy: where it goes);
-// `onFolder` makes a child's context or declines to descend (nullopt).
+// `onFolder` makes a child's context or declines to descend (nullopt). The
+// walk ends early once `*stop` is set.
 template <typename Context, typename OnFolder, typename OnFile>
-bool WalkTree(Folder& top, Context topContext, OnFolder&& onFolder, OnFile&& onFile) {
+bool WalkTree(Folder& top, Context topContext, OnFolder&& onFolder, OnFile&& onFile, const bool* stop = nullptr) {
     struct Frame {
         std::unique_ptr<Folder> owned;
         Folder* folder;
@@ -107,7 +108,7 @@ bool WalkTree(Folder& top, Context topContext, OnFolder&& onFolder, OnFile&& onF
         stack.push_back(std::move(frame));
     };
     enter(nullptr, &top, std::move(topContext), std::wstring());
-    while (!stack.empty()) {
+    while (!stack.empty() && !(stop != nullptr && *stop)) {
         Frame& frame = stack.back();
         if (frame.next == frame.entries.size()) {
             stack.pop_back();
@@ -347,13 +348,20 @@ bool CopyTree(Folder& from, Folder& to) {
 
 void VisitFiles(Folder& folder, bool recursive,
                 const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visit) {
+    VisitTree(folder, recursive, [](const std::wstring&, const EntryInfo&) {}, visit);
+}
+
+void VisitTree(Folder& folder, bool recursive,
+               const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visitFolder,
+               const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visitFile) {
     WalkTree(
         folder, true,
-        [&](bool, const std::wstring&, const EntryInfo&) -> std::optional<bool> {
+        [&](bool, const std::wstring& relative, const EntryInfo& entry) -> std::optional<bool> {
+            visitFolder(relative, entry);
             return recursive ? std::optional<bool>(true) : std::nullopt;
         },
         [&](Folder&, bool, const std::wstring& relative, const EntryInfo& entry) {
-            visit(relative, entry);
+            visitFile(relative, entry);
             return true;
         });
 }
@@ -370,6 +378,14 @@ bool IsTemporaryName(std::wstring_view name) {
     const std::size_t at = name.rfind(kMark);
     return at != std::wstring_view::npos && at > 0 &&
            (at + kMark.size() == name.size() || name[at + kMark.size()] == L'.');
+}
+
+bool HoldsAnyFile(Folder& folder) {
+    bool found = false;
+    WalkTree(
+        folder, true, [](bool, const std::wstring&, const EntryInfo&) -> std::optional<bool> { return true; },
+        [&](Folder&, bool, const std::wstring&, const EntryInfo&) { return found = true; }, &found);
+    return found;
 }
 
 std::wstring JoinPath(const std::wstring& folder, std::wstring_view name) {

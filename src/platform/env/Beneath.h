@@ -105,6 +105,16 @@ bool CopyTree(Folder& from, Folder& to);
 void VisitFiles(Folder& folder, bool recursive,
                 const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visit);
 
+// As VisitFiles, and `visitFolder` for each folder below `folder` before what
+// lies below it (when recursive; else for each folder directly in it).
+void VisitTree(Folder& folder, bool recursive,
+               const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visitFolder,
+               const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visitFile);
+
+// True when there is a regular file anywhere below `folder`; the walk stops
+// at the first one (links are not followed).
+bool HoldsAnyFile(Folder& folder);
+
 // `folder` + separator + `name`, without doubling a separator.
 std::wstring JoinPath(const std::wstring& folder, std::wstring_view name);
 

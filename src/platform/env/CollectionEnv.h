@@ -52,9 +52,9 @@ public:
     virtual int RunPackageScript(const std::wstring& script, const std::wstring& outputFolder) = 0;
 };
 
-// The running system's native collection, or null where it has none yet (on
-// Windows until the native packer is portable): hosts that offer a choice of
-// the two ways take it from here.
+// The running system's native collection (the one-pass packer with the
+// system's way of running package scripts): hosts that offer a choice of the
+// two ways take it from here.
 DIAGSCANNER_API std::shared_ptr<CollectionEnv> NativeCollectionEnv();
 
 }  // namespace zep::platform

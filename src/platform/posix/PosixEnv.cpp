@@ -5,8 +5,8 @@
 #include "platform/util/Strings.h"
 #include "platform/posix/PosixClock.h"
 #include "platform/posix/PosixFileSystem.h"
-#include "platform/posix/NativeCollection.h"
 #include "platform/posix/PosixProcess.h"
+#include "platform/posix/ShellPackageScript.h"
 
 namespace zep::platform {
 namespace {
@@ -51,6 +51,8 @@ Env DefaultEnv() {
     return env;
 }
 
-std::shared_ptr<CollectionEnv> NativeCollectionEnv() { return std::make_shared<NativeCollection>(); }
+std::shared_ptr<CollectionEnv> NativeCollectionEnv() {
+    return std::make_shared<collect::NativeCollection>(ShellPackageScript());
+}
 
 }  // namespace zep::platform

@@ -2,6 +2,7 @@
 
 #include "platform/env/AbsentAgent.h"
 #include "platform/env/Env.h"
+#include "platform/windows/PowerShellPackageScript.h"
 #include "platform/windows/WindowsClock.h"
 #include "platform/windows/WindowsFileSystem.h"
 #include "platform/windows/WindowsProcess.h"
@@ -32,7 +33,10 @@ Env DefaultEnv() {
     return env;
 }
 
-// The native packer is POSIX code for now.
-std::shared_ptr<CollectionEnv> NativeCollectionEnv() { return nullptr; }
+// Packed in one pass like everywhere else; packages keep their PowerShell
+// scripts.
+std::shared_ptr<CollectionEnv> NativeCollectionEnv() {
+    return std::make_shared<collect::NativeCollection>(PowerShellPackageScript());
+}
 
 }  // namespace zep::platform

@@ -1,4 +1,4 @@
-#include "platform/posix/LogScrub.h"
+#include "platform/collect/LogScrub.h"
 
 #include <algorithm>
 #include <array>
@@ -6,7 +6,7 @@
 #include <cstring>
 #include <variant>
 
-namespace zep::platform {
+namespace zep::collect {
 namespace {
 
 constexpr std::string_view kVersion = "version";
@@ -439,4 +439,4 @@ std::string ScrubText(std::string_view bytes, std::size_t maxLineBytes) {
     return out;
 }
 
-}  // namespace zep::platform
+}  // namespace zep::collect

@@ -32,7 +32,7 @@
 #include <string>
 #include <string_view>
 
-namespace zep::platform {
+namespace zep::collect {
 
 inline constexpr std::string_view kRedactedAddress = "[REDACTED_IP]";
 
@@ -66,4 +66,4 @@ private:
 // A whole text through a LogScrubber.
 std::string ScrubText(std::string_view bytes, std::size_t maxLineBytes = LogScrubber::kDefaultMaxLineBytes);
 
-}  // namespace zep::platform
+}  // namespace zep::collect

@@ -1,0 +1,183 @@
+#!/usr/bin/env bash
+# A manual scan of generated devices against its deflate floor and against the
+# same staging and packing done by standard tools, in one run.
+#
+#   ./bench/scan_benchmark.sh [PARENT]
+#
+# Devices (seeded; see zep_staging_bench generate):
+#   base   200 MiB of logs in 1,000 files, a 20 MiB database, 2,000 files in the data root
+#   1g     the same with 1 GiB of logs
+#   20k    about 50 MiB of logs kept out of 24,000 small files
+# Contenders on the base device, each on its own copy:
+#   scan   the module's manual scan (zep_staging_bench run)
+#   floor  pigz -6 -p 2 over exactly what the scan packs (its archive unpacked, through tar)
+#   tools  cp -a, find -delete, sort | awk, perl -i, zip -r -6, as the scan's steps
+# It prints the times, the ratios the module is held to and the scans' peak
+# resident memory, and checks that the scan's and the tools' archives hold the
+# same logs with the same scrub.
+#
+# Works in a new folder below PARENT (default ${TMPDIR:-/tmp}; about 2.5 GB),
+# removed at the end unless KEEP=1. VARIANTS="base" skips the 1g and 20k
+# devices. SCANNER=FILE runs the scans with another build of zep_staging_bench
+# (an earlier commit's, for a before/after table). JOBS=N limits the build's
+# parallel jobs.
+set -euo pipefail
+
+root=$(cd "$(dirname "$0")/.." && pwd)
+bench=$root/build/release/bench/zep_staging_bench
+scanner=${SCANNER:-$bench}
+variants=${VARIANTS:-base 1g 20k}
+log_budget=52428800  # the module's 50 MiB of newest logs
+
+# ---- what the run needs ------------------------------------------------------
+missing=()
+command -v zip >/dev/null || missing+=(zip)
+command -v unzip >/dev/null || missing+=(unzip)
+command -v pigz >/dev/null || missing+=(pigz)
+[ -x /usr/bin/time ] || missing+=(time)
+command -v perl >/dev/null || missing+=(perl)
+if [ ${#missing[@]} -gt 0 ]; then
+  echo "Installing ${missing[*]}"
+  sudo=""
+  [ "$(id -u)" -eq 0 ] || sudo=sudo
+  export DEBIAN_FRONTEND=noninteractive
+  $sudo apt-get update -qq
+  $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
+fi
+
+echo "Building zep_staging_bench (release preset)"
+(cd "$root" && cmake --preset release >/dev/null &&
+  cmake --build --preset release --target zep_staging_bench ${JOBS:+-j "$JOBS"} >/dev/null)
+
+parent=${1:-${TMPDIR:-/tmp}}
+mkdir -p "$parent"
+work=$(mktemp -d "$parent/zep-scan-bench.XXXXXX")
+cleanup() { if [ "${KEEP:-0}" = 1 ]; then echo "Kept $work"; else rm -rf "$work"; fi; }
+trap cleanup EXIT
+
+now() { date +%s.%N; }
+seconds() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", b - a }'; }
+value() { sed -n "s/^$2=//p" "$1"; }
+rss_of() { awk -F': ' '/Maximum resident set size/ { print $2 }' "$1"; }
+
+# ---- the devices -------------------------------------------------------------
+echo "Generating the devices: $variants"
+for variant in $variants; do
+  case $variant in
+    base) "$bench" generate "$work/$variant" >/dev/null ;;
+    1g) "$bench" generate "$work/$variant" --log-mib 1024 >/dev/null ;;
+    20k) "$bench" generate "$work/$variant" --log-mib 60 --log-files 24000 --min-log-kib 1 >/dev/null ;;
+    *) echo "unknown variant $variant" >&2; exit 2 ;;
+  esac
+done
+cp -a "$work/base" "$work/tools"
+sync  # write-back must not run during a contender
+
+# ---- the same work by standard tools -----------------------------------------
+# Mirrors the module: the Log folder copied, archives deleted, the newest logs
+# kept up to the budget, the files directly in Log scrubbed, the data root
+# listed, the database, version and registry added, the folder zipped, the
+# staging deleted.
+cat > "$work/tools.sh" <<'TOOLS'
+#!/usr/bin/env bash
+set -euo pipefail
+device=$1 staging=$2 archive=$3 budget=$4
+data=$device/programdata
+log=$staging/ZEP/Log
+context=$staging/ZEP/context
+mkdir -p "$context"
+cp -a "$data/Log" "$log"
+find "$log" -type f -iname '*.zip' -delete
+find "$log" -type f -printf '%T@ %s %p\n' | sort -rn |
+  awk -v limit="$budget" '{ total += $2 } total > limit { sub(/^[^ ]+ [^ ]+ /, ""); print }' |
+  xargs -r -d '\n' rm -f --
+find "$log" -maxdepth 1 -type f -exec perl -i -pe \
+  'unless (/version/i) { s/(?<=")(\d{1,3}\.\d{1,3}\.\d{1,3}\.\d{1,3})(?=")/[REDACTED_IP]/g }' {} +
+find "$data" -type f > "$context/zep_programdata_files.txt"
+cp "$data/DB/SyncPoint.sqlite3" "$context/SyncPoint_sqlite3.dat"
+printf '4.12.3.0' > "$context/zepVersion.txt"
+cp "$device/registry.reg" "$context/zep.reg"
+(cd "$staging" && zip -r -q -6 "$archive" .)
+rm -rf "$staging"
+TOOLS
+
+echo "Load average before the contenders: $(cut -d' ' -f1-3 /proc/loadavg) ($(nproc) CPUs)"
+
+# ---- the scans -----------------------------------------------------------------
+for variant in $variants; do
+  echo "Scanning $variant"
+  if ! /usr/bin/time -v -o "$work/$variant.time" "$scanner" run "$work/$variant" --report "$work/$variant.report" \
+      >/dev/null; then
+    echo "The scan of $variant failed; its log: $work/$variant/programdata/Log/ZEPDiagnostics.log" >&2
+    KEEP=1
+    exit 1
+  fi
+done
+scan_zip=$(value "$work/base.report" zip)
+
+# ---- the floor: deflating exactly what the scan packs ---------------------------
+mkdir "$work/unpacked"
+unzip -q "$scan_zip" -d "$work/unpacked"
+tar -cf - -C "$work/unpacked" . > /dev/null  # read once, so that the floor reads from memory as the scan does
+echo "Deflating the same bytes: tar | pigz -6 -p 2"
+start=$(now)
+tar -cf - -C "$work/unpacked" . | pigz -6 -p 2 > /dev/null
+floor_s=$(seconds "$start" "$(now)")
+packed_bytes=$(du -sb --apparent-size "$work/unpacked" | cut -f1)
+
+echo "Standard tools: cp -a, find, sort | awk, perl -i, zip -r -6"
+start=$(now)
+bash "$work/tools.sh" "$work/tools" "$work/tools/staging" "$work/tools.zip" "$log_budget"
+tools_s=$(seconds "$start" "$(now)")
+echo "Load average after the contenders: $(cut -d' ' -f1-3 /proc/loadavg)"
+
+# ---- the table -----------------------------------------------------------------
+scan_s=$(value "$work/base.report" wall_s)
+echo
+printf '%-40s %9s %9s %9s %9s\n' "" "s" "MiB in" "zip MiB" "RSS MiB"
+for variant in $variants; do
+  awk -v name="scan $variant" -v s="$(value "$work/$variant.report" wall_s)" \
+    -v zip="$(value "$work/$variant.report" zip_bytes)" -v rss="$(rss_of "$work/$variant.time")" \
+    -v files="$(value "$work/$variant.report" log_files)" 'BEGIN {
+      printf "%-40s %9.2f %9s %9.1f %9.1f\n", name " (" files " logs)", s, "", zip / 1048576, rss / 1024 }'
+done
+awk -v s="$floor_s" -v bytes="$packed_bytes" 'BEGIN {
+  printf "%-40s %9.2f %9.1f\n", "floor (tar | pigz -6 -p 2)", s, bytes / 1048576 }'
+awk -v s="$tools_s" -v zip="$(stat -c %s "$work/tools.zip")" 'BEGIN {
+  printf "%-40s %9.2f %9s %9.1f\n", "tools (cp find awk perl zip -6)", s, "", zip / 1048576 }'
+echo
+awk -v scan="$scan_s" -v floor="$floor_s" -v tools="$tools_s" 'BEGIN {
+  printf "scan / floor          %5.2fx   (target <= 1.2)\n", scan / floor
+  printf "tools / scan          %5.2fx   (target >= 3)\n", tools / scan }'
+for variant in $variants; do
+  case $variant in
+    20k) target="<= 1.3" ;;
+    1g) target="<= 1.1" ;;
+    *) continue ;;
+  esac
+  awk -v name="$variant" -v s="$(value "$work/$variant.report" wall_s)" -v base="$scan_s" -v target="$target" 'BEGIN {
+    printf "scan %-4s / scan base %5.2fx   (target %s)\n", name, s / base, target }'
+done
+max_rss=0
+for variant in $variants; do
+  rss=$(rss_of "$work/$variant.time")
+  [ "$rss" -gt "$max_rss" ] && max_rss=$rss
+done
+awk -v rss="$max_rss" 'BEGIN { printf "peak RSS of a scan    %5.1f MiB (target <= 64)\n", rss / 1024 }'
+echo "s: the scan alone (process start and the archive's check excluded); the floor and the tools end to end."
+
+# ---- the scan's and the tools' archives hold the same logs ------------------------
+# The module's own log (ZEPDiagnostics.log) is written during its scan and is
+# only in its archive.
+"$bench" zipinfo "$scan_zip" --log-list "$work/scan.list" >/dev/null
+"$bench" zipinfo "$work/tools.zip" --log-list "$work/tools.list" >/dev/null
+grep -v '^ZEPDiagnostics\.log' "$work/scan.list" > "$work/scan.compared" || true
+same=0
+if cmp -s "$work/scan.compared" "$work/tools.list"; then
+  echo "Same logs: both archives hold the same $(wc -l < "$work/tools.list") log files (sizes and CRC-32)."
+else
+  echo "DIFFERENT logs in the two archives (scan <, tools >):"
+  diff "$work/scan.compared" "$work/tools.list" | head -20 || true
+  same=1
+fi
+exit $same
