@@ -412,7 +412,7 @@ TEST_F(CollectedLogsTest, FilesThatChangeOrVanishWhilePackedLeaveAWholeArchive) 
 }
 
 // Large logs are deflated in pieces on several threads and small ones
-// together; the pieces join into one stream per file, the scrub runs across
+// together, read (and scrubbed) by the thread that deflates them; the pieces join into one stream per file, the scrub runs across
 // piece boundaries, and the CRCs combine.
 TEST_F(CollectedLogsTest, PiecesOfLargeLogsAndBatchesOfSmallOnesJoinIntoTheSameContent) {
     std::string large;
@@ -422,6 +422,7 @@ TEST_F(CollectedLogsTest, PiecesOfLargeLogsAndBatchesOfSmallOnesJoinIntoTheSameC
     WriteText(source / "large.log", large);
     WriteText(source / "sub" / "large.log", large);
     for (int i = 0; i < 300; ++i) WriteText(source / "small" / (std::to_string(i) + ".log"), std::to_string(i) + "\n");
+    WriteText(source / "small.log", "peer=\"10.9.9.9\"\n");  // read and scrubbed by a deflate thread
     for (const unsigned workers : {0u, 2u}) {
         SCOPED_TRACE(std::to_string(workers) + " threads");
         collect::NativeCollection pieces{ShellPackageScript(), collect::PackOptions{workers, 64 * 1024, {}}};
@@ -433,7 +434,8 @@ TEST_F(CollectedLogsTest, PiecesOfLargeLogsAndBatchesOfSmallOnesJoinIntoTheSameC
         EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/large.log"), collect::ScrubText(large));
         EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/sub/large.log"), large);
         EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/small/299.log"), "299\n");
-        EXPECT_EQ(zep::testing::ZipEntries(zip).size(), 300u + 10u);
+        EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/small.log"), "peer=\"[REDACTED_IP]\"\n");
+        EXPECT_EQ(zep::testing::ZipEntries(zip).size(), 300u + 11u);
         EXPECT_EQ(zep::testing::RunToEnd({"unzip", "-tq", zip.string()}, platform.rootPath / "unzip.out"), 0);
     }
 }

@@ -26,6 +26,8 @@ constexpr std::size_t kReadBytes = 256 * 1024;
 // bytes, so the byte size alone would not bound them.
 constexpr std::size_t kMaxPiecesPerJob = 4096;
 constexpr unsigned kMaxWorkers = 4;
+// Files up to this share of a piece are read by the deflate threads.
+constexpr std::size_t kDeferredShare = 4;
 
 // One entry's share of a job: a folder, or some of a file's bytes.
 struct Piece {
@@ -33,6 +35,10 @@ struct Piece {
     bool folder = false;
     bool first = false;  // the file's header goes before it
     bool last = false;   // the file ends with it
+    // A small file read by the thread that deflates it, so that reading many
+    // small files is shared between the threads too.
+    bool deferred = false;
+    bool missing = false;  // deferred, and gone or unreadable when read
     std::size_t inputOffset = 0;
     std::size_t inputSize = 0;
     std::size_t outputOffset = 0;
@@ -46,6 +52,7 @@ struct Job {
     std::string input;
     std::vector<Piece> pieces;
     std::string output;
+    std::size_t deferredBytes = 0;  // listed sizes of the deferred pieces
     bool done = false;
     bool failed = false;
 
@@ -53,112 +60,9 @@ struct Job {
         input.clear();
         pieces.clear();
         output.clear();
+        deferredBytes = 0;
         done = failed = false;
     }
-};
-
-void Compress(Job& job, PieceDeflater& deflater) {
-    for (Piece& piece : job.pieces) {
-        if (piece.folder) continue;
-        const std::string_view input(job.input.data() + piece.inputOffset, piece.inputSize);
-        piece.outputOffset = job.output.size();
-        if (!deflater.Deflate(input, piece.last, job.output)) {
-            job.failed = true;
-            return;
-        }
-        piece.outputSize = job.output.size() - piece.outputOffset;
-        piece.crc = Crc32(0, input);
-    }
-}
-
-// Deflate threads over a queue of jobs; with no threads, a job is compressed
-// when it is submitted.
-class Pool {
-public:
-    explicit Pool(unsigned workers) {
-        for (unsigned i = 0; i < workers; ++i) {
-            try {
-                threads_.emplace_back([this] { Work(); });
-            } catch (...) {
-                break;  // fewer threads (or none) still pack
-            }
-        }
-        if (threads_.empty()) inline_ = std::make_unique<PieceDeflater>();
-    }
-
-    ~Pool() {
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            stopping_ = true;
-        }
-        wake_.notify_all();
-        for (auto& thread : threads_) thread.join();
-    }
-
-    Pool(const Pool&) = delete;
-    Pool& operator=(const Pool&) = delete;
-
-    std::size_t Threads() const { return threads_.size(); }
-
-    void Submit(Job& job) {
-        if (inline_) {
-            Run(job, *inline_);
-            job.done = true;
-            return;
-        }
-        {
-            std::lock_guard<std::mutex> lock(mutex_);
-            queue_.push_back(&job);
-        }
-        wake_.notify_one();
-    }
-
-    void WaitFor(Job& job) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        finished_.wait(lock, [&] { return job.done; });
-    }
-
-    bool IsDone(Job& job) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return job.done;
-    }
-
-private:
-    static void Run(Job& job, PieceDeflater& deflater) {
-        try {
-            Compress(job, deflater);
-        } catch (...) {
-            job.failed = true;  // out of memory: the archive fails, the scan goes on
-        }
-    }
-
-    void Work() {
-        PieceDeflater deflater;
-        for (;;) {
-            Job* job = nullptr;
-            {
-                std::unique_lock<std::mutex> lock(mutex_);
-                wake_.wait(lock, [&] { return stopping_ || !queue_.empty(); });
-                if (queue_.empty()) return;
-                job = queue_.front();
-                queue_.pop_front();
-            }
-            Run(*job, deflater);
-            {
-                std::lock_guard<std::mutex> lock(mutex_);
-                job->done = true;
-            }
-            finished_.notify_all();
-        }
-    }
-
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    std::condition_variable finished_;
-    std::deque<Job*> queue_;
-    std::vector<std::thread> threads_;
-    std::unique_ptr<PieceDeflater> inline_;
-    bool stopping_ = false;
 };
 
 // Open folders below the packed roots, the last few kept: the entries come
@@ -189,6 +93,194 @@ private:
     std::deque<std::pair<Key, std::unique_ptr<Folder>>> held_;
 };
 
+std::string StatusText(const FsStatus& status) {
+    switch (status.error) {
+        case platform::FsError::NotFound: return "gone";
+        case platform::FsError::Link: return "a link";
+        case platform::FsError::WrongKind: return "not a regular file";
+        default: return status.message.empty() ? std::string("cannot be opened") : status.message;
+    }
+}
+
+
+// Opens a source's file through the folder cache; null (with the status)
+// when it is gone, a link or not a regular file.
+std::unique_ptr<InputFile> OpenSource(FolderCache& folders, const PackSource& source, FsStatus& status) {
+    Folder* folder = source.path.empty() ? nullptr : folders.Get(source, &status);
+    return folder ? folder->OpenFile(source.path.back(), &status) : nullptr;
+}
+
+// Reads whole files for the deflate threads: one per thread, with its own
+// open folders and buffer.
+class FileReader {
+public:
+    FileReader(const std::vector<PackEntry>& entries, const wchar_t* label) : entries_(entries), label_(label) {}
+
+    // Appends entry `index`'s bytes (at most as listed, scrubbed when asked)
+    // to `out`. False when nothing of it could be read.
+    bool ReadWhole(std::size_t index, std::string& out) {
+        const PackEntry& entry = entries_[index];
+        const PackSource& source = *entry.file;
+        FsStatus status;
+        std::unique_ptr<InputFile> in = OpenSource(folders_, source, status);
+        if (!in) {
+            g_log.d(L"%s: leaving out %s: %s", label_, text::FromUtf8(entry.name), StatusText(status));
+            return false;
+        }
+        std::optional<LogScrubber> scrubber;
+        if (source.scrub) scrubber.emplace();
+        const std::size_t start = out.size();
+        std::uint64_t remaining = source.listedSize;
+        while (remaining > 0) {
+            const std::size_t want = static_cast<std::size_t>(std::min<std::uint64_t>(remaining, kReadBytes));
+            char* target = buffer_.data();
+            if (!scrubber) {
+                out.resize(out.size() + want);
+                target = out.data() + out.size() - want;
+            }
+            std::size_t got = 0;
+            const bool read = in->Read(target, want, got, &status);
+            if (!read) got = 0;
+            if (!scrubber) out.resize(out.size() - want + got);
+            if (scrubber && got > 0) scrubber->Feed(std::string_view(buffer_.data(), got), out);
+            if (!read) {
+                g_log.d(L"%s: %s could not be read to its end: %s", label_, text::FromUtf8(entry.name),
+                        StatusText(status));
+                if (out.size() == start && remaining == source.listedSize) return false;
+                break;
+            }
+            if (got == 0) break;  // shrank since it was listed: packed as it is now
+            remaining -= got;
+        }
+        if (scrubber) scrubber->Finish(out);
+        return true;
+    }
+
+private:
+    const std::vector<PackEntry>& entries_;
+    const wchar_t* label_;
+    FolderCache folders_;
+    std::string buffer_ = std::string(kReadBytes, '\0');
+};
+
+void Compress(Job& job, PieceDeflater& deflater, FileReader& reader) {
+    for (Piece& piece : job.pieces) {
+        if (piece.folder) continue;
+        if (piece.deferred) {
+            piece.inputOffset = job.input.size();
+            piece.missing = !reader.ReadWhole(piece.entry, job.input);
+            if (piece.missing) continue;
+            piece.inputSize = job.input.size() - piece.inputOffset;
+        }
+        const std::string_view input(job.input.data() + piece.inputOffset, piece.inputSize);
+        piece.outputOffset = job.output.size();
+        if (!deflater.Deflate(input, piece.last, job.output)) {
+            job.failed = true;
+            return;
+        }
+        piece.outputSize = job.output.size() - piece.outputOffset;
+        piece.crc = Crc32(0, input);
+    }
+}
+
+// Deflate threads over a queue of jobs; with no threads, a job is compressed
+// when it is submitted.
+class Pool {
+public:
+    Pool(unsigned workers, const std::vector<PackEntry>& entries, const wchar_t* label)
+        : entries_(entries), label_(label) {
+        for (unsigned i = 0; i < workers; ++i) {
+            try {
+                threads_.emplace_back([this] { Work(); });
+            } catch (...) {
+                break;  // fewer threads (or none) still pack
+            }
+        }
+        if (threads_.empty()) {
+            inline_ = std::make_unique<PieceDeflater>();
+            inlineReader_ = std::make_unique<FileReader>(entries_, label_);
+        }
+    }
+
+    ~Pool() {
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        for (auto& thread : threads_) thread.join();
+    }
+
+    Pool(const Pool&) = delete;
+    Pool& operator=(const Pool&) = delete;
+
+    std::size_t Threads() const { return threads_.size(); }
+
+    void Submit(Job& job) {
+        if (inline_) {
+            Run(job, *inline_, *inlineReader_);
+            job.done = true;
+            return;
+        }
+        {
+            std::lock_guard<std::mutex> lock(mutex_);
+            queue_.push_back(&job);
+        }
+        wake_.notify_one();
+    }
+
+    void WaitFor(Job& job) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        finished_.wait(lock, [&] { return job.done; });
+    }
+
+    bool IsDone(Job& job) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return job.done;
+    }
+
+private:
+    static void Run(Job& job, PieceDeflater& deflater, FileReader& reader) {
+        try {
+            Compress(job, deflater, reader);
+        } catch (...) {
+            job.failed = true;  // out of memory: the archive fails, the scan goes on
+        }
+    }
+
+    void Work() {
+        PieceDeflater deflater;
+        FileReader reader(entries_, label_);
+        for (;;) {
+            Job* job = nullptr;
+            {
+                std::unique_lock<std::mutex> lock(mutex_);
+                wake_.wait(lock, [&] { return stopping_ || !queue_.empty(); });
+                if (queue_.empty()) return;
+                job = queue_.front();
+                queue_.pop_front();
+            }
+            Run(*job, deflater, reader);
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                job->done = true;
+            }
+            finished_.notify_all();
+        }
+    }
+
+    const std::vector<PackEntry>& entries_;
+    const wchar_t* label_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::condition_variable finished_;
+    std::deque<Job*> queue_;
+    std::vector<std::thread> threads_;
+    std::unique_ptr<PieceDeflater> inline_;
+    std::unique_ptr<FileReader> inlineReader_;
+    bool stopping_ = false;
+};
+
 // Upper bound of a file's bytes in the archive: a scrubbed address can grow
 // from 8 bytes ("1.2.3.4" and a quote) to 14, never double.
 std::uint64_t MaxEntrySize(const PackSource& source) {
@@ -206,7 +298,7 @@ public:
         if (workers == 0) workers = std::clamp(std::thread::hardware_concurrency(), 1u, kMaxWorkers);
         // What fits one piece is deflated here: threads would only cost.
         if (total <= pieceBytes_) workers = 0;
-        pool_ = std::make_unique<Pool>(workers);
+        pool_ = std::make_unique<Pool>(workers, entries_, label_);
         // Two jobs per thread keep every thread busy while one is written.
         jobs_.resize(pool_->Threads() * 2 + 2);
         for (auto& job : jobs_) free_.push_back(&job);
@@ -246,15 +338,24 @@ private:
     // Adds a piece to the job being filled and hands the job over when it is full.
     void AddPiece(const Piece& piece) {
         job_->pieces.push_back(piece);
-        if (job_->input.size() >= pieceBytes_ || job_->pieces.size() >= kMaxPiecesPerJob) Submit();
+        if (job_->input.size() + job_->deferredBytes >= pieceBytes_ || job_->pieces.size() >= kMaxPiecesPerJob) {
+            Submit();
+        }
     }
 
     void AddFile(std::size_t index) {
         const PackEntry& entry = entries_[index];
         const PackSource& source = *entry.file;
+        if (source.listedSize <= pieceBytes_ / kDeferredShare) {
+            Piece piece;
+            piece.entry = index;
+            piece.first = piece.last = piece.deferred = true;
+            job_->deferredBytes += static_cast<std::size_t>(MaxEntrySize(source));
+            AddPiece(piece);
+            return;
+        }
         FsStatus status;
-        Folder* folder = source.path.empty() ? nullptr : folders_.Get(source, &status);
-        std::unique_ptr<InputFile> in = folder ? folder->OpenFile(source.path.back(), &status) : nullptr;
+        std::unique_ptr<InputFile> in = OpenSource(folders_, source, status);
         if (!in) {
             g_log.d(L"%s: leaving out %s: %s", label_, text::FromUtf8(entry.name), StatusText(status));
             ++left_;
@@ -363,6 +464,8 @@ private:
     bool WritePiece(const Job& job, const Piece& piece) {
         const PackEntry& entry = entries_[piece.entry];
         if (piece.folder) return writer_.AddFolder(entry.name, entry.modifiedNs);
+        if (piece.deferred) ++(piece.missing ? left_ : files_);
+        if (piece.missing) return true;
         const std::string_view deflated(job.output.data() + piece.outputOffset, piece.outputSize);
         if (piece.first && piece.last) {
             return writer_.AddFile(entry.name, entry.modifiedNs, piece.crc, piece.inputSize, deflated);
@@ -377,15 +480,6 @@ private:
         size_ += piece.inputSize;
         if (!writer_.Append(deflated)) return false;
         return !piece.last || writer_.EndFile(crc_, size_);
-    }
-
-    static std::string StatusText(const FsStatus& status) {
-        switch (status.error) {
-            case platform::FsError::NotFound: return "gone";
-            case platform::FsError::Link: return "a link";
-            case platform::FsError::WrongKind: return "not a regular file";
-            default: return status.message.empty() ? std::string("cannot be opened") : status.message;
-        }
     }
 
     const std::vector<PackEntry>& entries_;
