@@ -3,7 +3,6 @@
 #include <filesystem>
 #include <iterator>
 #include <utility>
-#include <sstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,6 +13,7 @@
 
 using ::testing::Contains;
 using ::testing::Not;
+using zep::testing::ParseJson;
 using zep::testing::ReadText;
 using zep::testing::WriteText;
 using zep::testing::ZipEntries;
@@ -21,12 +21,6 @@ using zep::testing::ZipEntries;
 namespace {
 
 namespace fs = std::filesystem;
-
-Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    std::istringstream(text) >> value;
-    return value;
-}
 
 class StagingTest : public zep::testing::ManagerTest {
 protected:
@@ -43,7 +37,7 @@ protected:
         WriteText(temp / component / "component-result.json", std::string(R"({"componentId":")") + component + "\"}");
     }
     bool ArtifactsProvided() const {
-        return Parse(ReadText(latest / "scan-result.json"))["components"][0]["artifactsProvided"].asBool();
+        return ParseJson(ReadText(latest / "scan-result.json"))["components"][0]["artifactsProvided"].asBool();
     }
 
     const fs::path programdata = platform.rootPath / "programdata";
@@ -77,7 +71,7 @@ TEST_F(StagingTest, ZipHoldsTheComponentsTheAgentsContextAndTheScanResult) {
     // A name that is not UTF-8 is listed with its byte escaped, not replaced.
     EXPECT_NE(read("ZEP/context/zep_programdata_files.txt").find("/DB/old\\xFF.db\n"), std::string::npos);
 #endif
-    EXPECT_TRUE(Parse(read("ZEP/component-result.json"))["artifactsProvided"].asBool());
+    EXPECT_TRUE(ParseJson(read("ZEP/component-result.json"))["artifactsProvided"].asBool());
     EXPECT_EQ(read("ZEP/Log/agent.log"), "{\"gw\":\"[REDACTED_IP]\"}\n");
 }
 

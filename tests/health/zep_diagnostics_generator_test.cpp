@@ -141,11 +141,6 @@ TEST_F(ZepGeneratorTest, MqttFailsOnlyForAnUnexpectedDisconnectOfEnabledMqtt) {
     EXPECT_EQ(ActualOf(Run(), L"mqtt_connection"), L"agentFactory is null");
 }
 
-TEST_F(ZepGeneratorTest, ComponentIdIsTheAgentIdInUpperCase) {
-    platform.device->agentId = L"AbCdEf01-0000-4000-8000-00000000beef";
-    EXPECT_EQ(ZEP::ZEPDiagnosticsGenerator().GetComponentId(), L"ABCDEF01-0000-4000-8000-00000000BEEF");
-}
-
 // Other modules call the generator through the platform's copy of the class,
 // so its virtual slots must be the platform's: the interface's three, then
 // the checks directly, in their declared order.

@@ -1,6 +1,5 @@
 // Package diagnostics: which packages run, how their script is started, the time-out result.
 #include <chrono>
-#include <sstream>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -125,8 +124,7 @@ TEST_F(PackageDiagnosticsTest, TimeOutResultReplacesTheScriptsOnlyWhenItRanTooLo
     EXPECT_TRUE(platform.log->Contains(
         kLabel + ": package com.quorin.slow exceeded timeout; writing timeout component-result if applicable"));
     EXPECT_FALSE(platform.log->Contains("did not complete successfully"));
-    Json::Value result;
-    std::istringstream(ownResult()) >> result;
+    const Json::Value result = zep::testing::ParseJson(ownResult());
     EXPECT_EQ(result["componentId"].asString(), "com.quorin.slow");
     EXPECT_EQ(result["friendlyName"].asString(), "com.quorin.slow display name");
     EXPECT_EQ(result["resultType"].asString(), "ErrorTimeOut");

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include "support/TestPlatform.h"
+
 namespace zep::platform {
 namespace {
 
@@ -93,9 +95,8 @@ TEST(RegExportTest, WritesTheEditorsBytes) {
                              "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Quorin\\ZEP\\agent]\r\n\r\n"
                              "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Quorin\\ZEP\\DeviceSupport]\r\n"
                              "\"TimeoutInSeconds\"=dword:0000003c\r\n\r\n";
-    std::string utf16 = "\xFF\xFE";  // byte-order mark, then little-endian 16-bit units
-    for (const char c : text) utf16 += std::string{c, '\0'};
-    EXPECT_EQ(EncodeUtf16LeWithBom(RenderRegText(Hive::LocalMachine, reg.Snapshot(Hive::LocalMachine, kZep))), utf16);
+    EXPECT_EQ(EncodeUtf16LeWithBom(RenderRegText(Hive::LocalMachine, reg.Snapshot(Hive::LocalMachine, kZep))),
+              zep::testing::Utf16Le(text));
 }
 
 // The export is read back as it was written: blanks that end or begin a key's

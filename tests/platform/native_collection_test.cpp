@@ -4,7 +4,6 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <zip.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -26,6 +25,7 @@
 #include "platform/util/Crypto.h"
 #include "platform/util/MemoryRegistry.h"
 #include "platform/util/Paths.h"
+#include "support/FullDisk.h"
 #include "support/TestPlatform.h"
 #include "support/ZipReader.h"
 #include "support/posix/ChildProcess.h"
@@ -36,6 +36,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using zep::testing::ReadText;
+using zep::testing::Utf16Le;
 using zep::testing::WriteText;
 
 constexpr std::uint64_t kMiB = 1024 * 1024;
@@ -121,19 +122,13 @@ TEST_F(NativeCollectionTest, LimitLogSizeDropsTheFileThatCrossesAndEveryOlderOne
 TEST_F(NativeCollectionTest, ScrubLogsRedactsOnlyFilesDirectlyInTheFolderKeepingTheirTimes) {
     WriteText(destination / "agent.log", "peer=\"10.1.2.3\"\r\nVersion \"10.1.2.3\"\r\nlast \"10.1.2.4\"");
     WriteText(destination / "sub" / "nested.log", "peer=\"10.1.2.3\"\n");
-    // UTF-16LE, as Windows software writes its logs: "a=\"1.2.3.4\"".
-    const auto utf16 = [](const std::string& ascii) {
-        std::string bytes = "\xFF\xFE";
-        for (const char c : ascii) bytes += std::string{c, '\0'};
-        return bytes;
-    };
-    WriteText(destination / "service.log", utf16("a=\"1.2.3.4\""));
+    WriteText(destination / "service.log", Utf16Le("a=\"1.2.3.4\""));
     const auto time = now - 1h;
     fs::last_write_time(destination / "agent.log", time);
 
     WithTraps(destination, [&] { EXPECT_EQ(collection.ScrubLogs(W(destination)), 1); });
 
-    EXPECT_EQ(ReadText(destination / "service.log"), utf16("a=\"[REDACTED_IP]\""));
+    EXPECT_EQ(ReadText(destination / "service.log"), Utf16Le("a=\"[REDACTED_IP]\""));
     EXPECT_EQ(ReadText(destination / "agent.log"),
               "peer=\"[REDACTED_IP]\"\r\nVersion \"10.1.2.3\"\r\nlast \"[REDACTED_IP]\"");
     EXPECT_EQ(fs::last_write_time(destination / "agent.log"), time);
@@ -170,124 +165,37 @@ TEST_F(NativeCollectionTest, CompressFolderPacksRelativeNamesWithoutLinksAndNeve
 
     WithTraps(staging, [&] { EXPECT_EQ(collection.CompressFolder(W(staging), W(zip)), 1); });
 
-    std::map<std::string, std::string> entries;  // name -> content, "" for folders
-    zip_t* archive = zip_open(zip.c_str(), ZIP_RDONLY, nullptr);
-    ASSERT_NE(archive, nullptr);
-    for (zip_uint64_t i = 0; i < static_cast<zip_uint64_t>(zip_get_num_entries(archive, 0)); ++i) {
-        zip_stat_t st;
-        zip_stat_index(archive, i, 0, &st);
-        std::string content(st.size, '\0');
-        if (zip_file_t* entry = st.size > 0 ? zip_fopen_index(archive, i, 0) : nullptr) {
-            EXPECT_EQ(zip_fread(entry, content.data(), st.size), static_cast<zip_int64_t>(st.size));
-            zip_fclose(entry);
-        }
-        entries[st.name] = content;
-    }
-    zip_close(archive);
-    EXPECT_EQ(entries, (std::map<std::string, std::string>{{"scan-result.json", "{}"}, {"zep/", ""},
-                                                           {"zep/context/", ""},
-                                                           {"zep/context/zepVersion.txt", "4.12"}}));
+    EXPECT_EQ(zep::testing::ZipEntries(zip),
+              (std::set<std::string>{"scan-result.json", "zep/", "zep/context/", "zep/context/zepVersion.txt"}));
+    EXPECT_EQ(zep::testing::ZipRead(zip, "scan-result.json"), "{}");
+    EXPECT_EQ(zep::testing::ZipRead(zip, "zep/context/zepVersion.txt"), "4.12");
 }
 
-// Files seen through the seam with a hand in between: `onOpen` may change a
-// file just before it is opened; archives count their reads; a file named in
-// `failAfter` fails its reads past that many bytes; temporary archives
-// (".part") take at most `archiveRoom` bytes, as on a full disk.
-class WatchedFiles : public FileSystemEnvWrapper {
+// A file that counts its reads into `reads` (when given) and fails those
+// past `room` bytes, as a disk that breaks midway.
+class WatchedInput : public zep::testing::InputFileWrapper {
 public:
-    using FileSystemEnvWrapper::FileSystemEnvWrapper;
-
-    std::function<void(const std::wstring& name)> onOpen = [](const std::wstring&) {};
-    std::map<std::wstring, std::size_t> failAfter;
-    std::size_t archiveRoom = SIZE_MAX;
-    std::atomic<int> archiveReads{0};
-
-    std::unique_ptr<Folder> OpenFolder(const std::wstring& path, FsStatus* status = nullptr) override {
-        return Wrap(FileSystemEnvWrapper::OpenFolder(path, status));
+    WatchedInput(std::unique_ptr<InputFile> file, std::atomic<int>* reads, std::size_t room)
+        : InputFileWrapper(std::move(file)), reads_(reads), room_(room) {}
+    bool Read(char* buffer, std::size_t size, std::size_t& got, FsStatus* status = nullptr) override {
+        if (reads_) ++*reads_;
+        if (size > room_) {
+            if (status) *status = FsStatus{FsError::Failed, "Input/output error"};
+            return false;
+        }
+        if (!InputFileWrapper::Read(buffer, size, got, status)) return false;
+        room_ -= got;
+        return true;
     }
 
 private:
-    static bool EndsWith(const std::wstring& name, const std::wstring& tail) {
-        return name.size() >= tail.size() && name.compare(name.size() - tail.size(), tail.size(), tail) == 0;
-    }
-
-    class Input : public InputFile {
-    public:
-        Input(std::unique_ptr<InputFile> file, std::atomic<int>* reads, std::size_t room)
-            : file_(std::move(file)), reads_(reads), room_(room) {}
-        bool Read(char* buffer, std::size_t size, std::size_t& got, FsStatus* status = nullptr) override {
-            if (reads_) ++*reads_;
-            if (size > room_) {
-                if (status) *status = FsStatus{FsError::Failed, "Input/output error"};
-                return false;
-            }
-            if (!file_->Read(buffer, size, got, status)) return false;
-            room_ -= got;
-            return true;
-        }
-        bool SeekTo(std::uint64_t offset, FsStatus* status = nullptr) override { return file_->SeekTo(offset, status); }
-        EntryInfo Info() override { return file_->Info(); }
-
-    private:
-        std::unique_ptr<InputFile> file_;
-        std::atomic<int>* reads_;
-        std::size_t room_;
-    };
-
-    class Output : public OutputFile {
-    public:
-        Output(std::unique_ptr<OutputFile> file, std::size_t room) : file_(std::move(file)), room_(room) {}
-        bool Write(std::string_view data, FsStatus* status = nullptr) override {
-            if (data.size() > room_) {
-                if (status) *status = FsStatus{FsError::Failed, "No space left on device"};
-                return false;
-            }
-            room_ -= data.size();
-            return file_->Write(data, status);
-        }
-        bool Sync(FsStatus* status = nullptr) override { return file_->Sync(status); }
-        bool SetModified(std::int64_t modifiedNs) override { return file_->SetModified(modifiedNs); }
-        bool Close(FsStatus* status = nullptr) override { return file_->Close(status); }
-
-    private:
-        std::unique_ptr<OutputFile> file_;
-        std::size_t room_;
-    };
-
-    class Watched : public FolderWrapper {
-    public:
-        Watched(std::unique_ptr<Folder> folder, WatchedFiles& files) : FolderWrapper(std::move(folder)), files_(files) {}
-        std::unique_ptr<Folder> OpenFolder(std::wstring_view name, FsStatus* status = nullptr) override {
-            return files_.Wrap(target().OpenFolder(name, status));
-        }
-        std::unique_ptr<Folder> CreateFolder(std::wstring_view name, FsStatus* status = nullptr) override {
-            return files_.Wrap(target().CreateFolder(name, status));
-        }
-        std::unique_ptr<InputFile> OpenFile(std::wstring_view name, FsStatus* status = nullptr) override {
-            const std::wstring text(name);
-            files_.onOpen(text);
-            auto file = target().OpenFile(name, status);
-            if (!file) return file;
-            const auto limit = files_.failAfter.find(text);
-            return std::make_unique<Input>(std::move(file), EndsWith(text, L".zip") ? &files_.archiveReads : nullptr,
-                                           limit == files_.failAfter.end() ? SIZE_MAX : limit->second);
-        }
-        std::unique_ptr<OutputFile> OpenForWriting(std::wstring_view name, Create mode,
-                                                   FsStatus* status = nullptr) override {
-            auto file = target().OpenForWriting(name, mode, status);
-            if (!file || !EndsWith(std::wstring(name), L".part")) return file;
-            return std::make_unique<Output>(std::move(file), files_.archiveRoom);
-        }
-
-    private:
-        WatchedFiles& files_;
-    };
-
-    std::unique_ptr<Folder> Wrap(std::unique_ptr<Folder> folder) {
-        if (!folder) return folder;
-        return std::make_unique<Watched>(std::move(folder), *this);
-    }
+    std::atomic<int>* reads_;
+    std::size_t room_;
 };
+
+bool EndsWith(const std::wstring& name, const std::wstring& tail) {
+    return name.size() >= tail.size() && name.compare(name.size() - tail.size(), tail.size(), tail) == 0;
+}
 
 // The agent's logs as the scan collects them: planned, thinned, scrubbed and
 // packed; or, when the archive cannot be written, copied into the staging
@@ -296,7 +204,7 @@ class CollectedLogsTest : public NativeCollectionTest {
 protected:
     void SetUp() override {
         WriteText(source / "agent.log", kAgent);
-        WriteText(source / "service.log", utf16("a=\"1.2.3.4\""));
+        WriteText(source / "service.log", Utf16Le("a=\"1.2.3.4\""));
         WriteText(source / "sub" / "nested.log", "peer=\"10.1.2.3\"\n");
         WriteText(source / "old.log", std::string(600, 'o'));
         WriteText(source / "stale.zip", "PK");
@@ -304,7 +212,21 @@ protected:
         for (const char* name : {"stale.zip", "agent.log", "service.log", "sub/nested.log", "old.log"}) {
             fs::last_write_time(source / name, now - std::chrono::minutes(++age));
         }
-        files = std::make_shared<WatchedFiles>(platform.env.files);
+        // `onOpen` may change a file just before it is opened; archives count
+        // their reads; a file named in `failAfter` fails its reads past that
+        // many bytes; temporary archives (".part") take at most `archiveRoom`
+        // bytes, as on a full disk.
+        auto files = std::make_shared<zep::testing::HookedFiles>(platform.env.files);
+        files->beforeOpen = [this](const std::wstring& name) { onOpen(name); };
+        files->input = [this](const std::wstring& name, std::unique_ptr<InputFile> file) -> std::unique_ptr<InputFile> {
+            const auto limit = failAfter.find(name);
+            return std::make_unique<WatchedInput>(std::move(file), EndsWith(name, L".zip") ? &archiveReads : nullptr,
+                                                  limit == failAfter.end() ? SIZE_MAX : limit->second);
+        };
+        files->output = [this](const std::wstring& name, std::unique_ptr<OutputFile> file) -> std::unique_ptr<OutputFile> {
+            if (!EndsWith(name, L".part")) return file;
+            return std::make_unique<zep::testing::LimitedOutput>(std::move(file), archiveRoom);
+        };
         platform.env.files = files;
         platform.Reinstall();
     }
@@ -317,15 +239,12 @@ protected:
         EXPECT_EQ(collection.ScrubLogs(W(destination)), 1);
     }
 
-    static std::string utf16(const std::string& ascii) {
-        std::string bytes = "\xFF\xFE";
-        for (const char c : ascii) bytes += std::string{c, '\0'};
-        return bytes;
-    }
-
     static constexpr const char* kAgent = "peer=\"10.1.2.3\"\r\nVersion \"10.1.2.3\"\r\n";
     static constexpr const char* kAgentScrubbed = "peer=\"[REDACTED_IP]\"\r\nVersion \"10.1.2.3\"\r\n";
-    std::shared_ptr<WatchedFiles> files;
+    std::function<void(const std::wstring& name)> onOpen = [](const std::wstring&) {};
+    std::map<std::wstring, std::size_t> failAfter;
+    std::size_t archiveRoom = SIZE_MAX;
+    std::atomic<int> archiveReads{0};
     const fs::path staging = platform.rootPath / "staging";
     const fs::path zip = platform.rootPath / "staging.zip";
 };
@@ -338,7 +257,7 @@ TEST_F(CollectedLogsTest, TheArchiveHoldsWhatTheStepsLeftReadFromWhereTheLogsAre
               (std::set<std::string>{"zep/", "zep/Log/", "zep/Log/agent.log", "zep/Log/service.log", "zep/Log/sub/",
                                      "zep/Log/sub/nested.log"}));
     EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/agent.log"), kAgentScrubbed);
-    EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/service.log"), utf16("a=\"[REDACTED_IP]\""));
+    EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/service.log"), Utf16Le("a=\"[REDACTED_IP]\""));
     EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/sub/nested.log"), "peer=\"10.1.2.3\"\n");
     EXPECT_EQ(ReadText(source / "agent.log"), kAgent) << "the agent's own log is left as it is";
     EXPECT_EQ(Tree(staging), (std::set<std::string>{"zep/", "zep/Log/"})) << "no copy, no temporary file";
@@ -348,7 +267,7 @@ TEST_F(CollectedLogsTest, TheArchiveHoldsWhatTheStepsLeftReadFromWhereTheLogsAre
 }
 
 TEST_F(CollectedLogsTest, AnArchiveThatCannotBeWrittenLeavesTheStagingFolderAsACopyWouldHave) {
-    files->archiveRoom = 100;
+    archiveRoom = 100;
     Collect();
     EXPECT_EQ(collection.CompressFolder(W(staging), W(zip)), 0);
 
@@ -358,12 +277,12 @@ TEST_F(CollectedLogsTest, AnArchiveThatCannotBeWrittenLeavesTheStagingFolderAsAC
     }
     EXPECT_EQ(Tree(destination), (std::set<std::string>{"agent.log", "service.log", "sub/", "sub/nested.log"}));
     EXPECT_EQ(ReadText(destination / "agent.log"), kAgentScrubbed);
-    EXPECT_EQ(ReadText(destination / "service.log"), utf16("a=\"[REDACTED_IP]\""));
+    EXPECT_EQ(ReadText(destination / "service.log"), Utf16Le("a=\"[REDACTED_IP]\""));
     EXPECT_EQ(ReadText(destination / "sub" / "nested.log"), "peer=\"10.1.2.3\"\n");
     EXPECT_EQ(fs::last_write_time(destination / "sub" / "nested.log"), fs::last_write_time(source / "sub" / "nested.log"));
 
     // Packed later (by hand, or the next attempt), the staged copies are what goes in.
-    files->archiveRoom = SIZE_MAX;
+    archiveRoom = SIZE_MAX;
     ASSERT_EQ(collection.CompressFolder(W(staging), W(zip)), 1);
     EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/agent.log"), kAgentScrubbed);
 }
@@ -377,14 +296,14 @@ TEST_F(CollectedLogsTest, TheUploadTakesTheArchivesHashWithoutReadingItAgain) {
     const std::wstring expected = text::FromUtf8(crypto::Sha256Hex(ReadText(zip)));
 
     EXPECT_EQ(utility::GetFileHash(W(zip), L"SHA-256"), expected);
-    EXPECT_EQ(files->archiveReads.load(), 0);
+    EXPECT_EQ(archiveReads.load(), 0);
 
     std::string changed = ReadText(zip);
     changed.back() ^= 1;  // the same size, rewritten
     fs::remove(zip);
     WriteText(zip, changed);
     EXPECT_EQ(utility::GetFileHash(W(zip), L"SHA-256"), text::FromUtf8(crypto::Sha256Hex(changed)));
-    EXPECT_GT(files->archiveReads.load(), 0);
+    EXPECT_GT(archiveReads.load(), 0);
 }
 
 // Files change while they are packed: the archive stays whole and holds
@@ -395,8 +314,8 @@ TEST_F(CollectedLogsTest, FilesThatChangeOrVanishWhilePackedLeaveAWholeArchive) 
     WriteText(staging / "shrinks.log", std::string(5000, 's'));
     WriteText(staging / "gone.log", "gone");
     WriteText(staging / "broken.log", big);
-    files->failAfter[L"broken.log"] = 1536 * 1024;  // a read error midway, after pieces were written
-    files->onOpen = [&](const std::wstring& name) {
+    failAfter[L"broken.log"] = 1536 * 1024;  // a read error midway, after pieces were written
+    onOpen = [&](const std::wstring& name) {
         if (name == L"grows.log") std::ofstream(staging / "grows.log", std::ios::app) << "written since\n";
         if (name == L"shrinks.log") fs::resize_file(staging / "shrinks.log", 10);
         if (name == L"gone.log") fs::remove(staging / "gone.log");

@@ -7,7 +7,6 @@
 #include <memory>
 #include <optional>
 #include <set>
-#include <sstream>
 #include <string>
 #include <type_traits>
 #include <tuple>
@@ -51,12 +50,6 @@ public:
     std::optional<std::uint64_t> FreeSpace(const std::wstring&) override { return free; }
     std::uint64_t free = 52428799;  // one byte short of the plug-in zip's floor
 };
-
-Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    std::istringstream(text) >> value;
-    return value;
-}
 
 // The history line of one request finished at `time`.
 std::string Line(const char* statuses, const char* time = "10:15:30") {
@@ -172,7 +165,7 @@ TEST_P(PluginOutcomeTest, LeavesTheDocumentsHistoryAndFilesOfItsOutcome) {
     EXPECT_EQ(platform.log->Contains("plugin upload received 429. retrying once after 40 seconds."), retried);
 
     // The scan result outlives a deletion and carries the final result type.
-    const Json::Value scanResult = Parse(ReadText(folder / "latest" / "scan-result.json"));
+    const Json::Value scanResult = ParseJson(ReadText(folder / "latest" / "scan-result.json"));
     EXPECT_EQ(scanResult["components"][0]["resultType"].asString(), c.resultType);
     EXPECT_EQ(scanResult["components"][0]["isProblematic"].asBool(), c.isProblematic);
     EXPECT_EQ(scanResult.isMember("artifactSize"), c.zipped);
@@ -184,7 +177,7 @@ TEST_P(PluginOutcomeTest, LeavesTheDocumentsHistoryAndFilesOfItsOutcome) {
     EXPECT_EQ(fs::exists(folder / "Log"), !deleted);
     const fs::path meta = folder / "latest" / "plugin-upload-meta.json";
     EXPECT_EQ(fs::exists(meta), c.zipped);
-    if (c.zipped) { EXPECT_EQ(Parse(ReadText(meta))["deleteFilesOnUpload"].asBool(), deleteWish); }
+    if (c.zipped) { EXPECT_EQ(ParseJson(ReadText(meta))["deleteFilesOnUpload"].asBool(), deleteWish); }
 }
 
 INSTANTIATE_TEST_SUITE_P(Outcomes, PluginOutcomeTest,
@@ -201,13 +194,13 @@ TEST_F(PluginRequestTest, ThePluginsOwnResultIsKeptOnSuccessAndOverwrittenOnTime
     platform.extensions->answers[ElevationType::Elevated] = {false, false, true, false};
     Request();
 
-    Json::Value expected = Parse(pluginResult);
+    Json::Value expected = ParseJson(pluginResult);
     expected["componentId"] = "com.quorin.pluginx";
     expected["resultType"] = "ErrorTimeOut";
     expected["isProblematic"] = false;
     expected["artifactsProvided"] = false;
     expected["executionContext"] = "system";
-    EXPECT_EQ(Parse(ReadText(ElevatedFolder() / "component-result.json")), expected);
+    EXPECT_EQ(ParseJson(ReadText(ElevatedFolder() / "component-result.json")), expected);
 }
 
 TEST(PluginFailedTestsTest, CountsObjectsWhoseActualAndExpectedTextsDiffer) {
@@ -221,7 +214,7 @@ TEST(PluginFailedTestsTest, CountsObjectsWhoseActualAndExpectedTextsDiffer) {
         {R"({"tests":{"a":{"actual":"1","expected":"2"}}})", 0},
         {R"([{"actual":"1","expected":"2"}])", 0},
     };
-    for (const auto& c : cases) EXPECT_EQ(Peer::CountFailedTests(Parse(c.component)), c.failed) << c.component;
+    for (const auto& c : cases) EXPECT_EQ(Peer::CountFailedTests(ParseJson(c.component)), c.failed) << c.component;
 }
 
 TEST_F(PluginRequestTest, ElevatedAndUserInstancesHaveFoldersZipsAndUploadsOfTheirOwn) {
@@ -239,7 +232,7 @@ TEST_F(PluginRequestTest, ElevatedAndUserInstancesHaveFoldersZipsAndUploadsOfThe
     EXPECT_EQ(uploads[1].filePath, (UserFolder() / "latest" / kZipName).string());
     for (const auto& [folder, context] : {std::pair{ElevatedFolder(), "system"}, std::pair{UserFolder(), "user"}}) {
         EXPECT_EQ(ReadText(folder / "scan-history.log"), Line("0,0")) << folder;
-        const Json::Value scan = Parse(ReadText(folder / "latest" / "scan-result.json"));
+        const Json::Value scan = ParseJson(ReadText(folder / "latest" / "scan-result.json"));
         EXPECT_EQ(scan["components"][0]["executionContext"].asString(), context) << folder;
     }
     EXPECT_TRUE(fs::exists(ElevatedFolder() / "context"));
@@ -308,7 +301,7 @@ TEST_F(PluginRequestTest, ADeviceIdWithSeparatorsKeepsTheZipInLatest) {
     EXPECT_EQ(zip.parent_path(), ElevatedFolder() / "latest");
     EXPECT_TRUE(fs::is_regular_file(zip));
     EXPECT_FALSE(fs::exists(platform.rootPath / "programdata" / "plugin-data" / "up"));
-    const Json::Value scan = Parse(ReadText(ElevatedFolder() / "latest" / "scan-result.json"));
+    const Json::Value scan = ParseJson(ReadText(ElevatedFolder() / "latest" / "scan-result.json"));
     EXPECT_EQ(scan["artifactSize"].asUInt64(), fs::file_size(zip));
 }
 

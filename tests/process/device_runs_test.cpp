@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <random>
 #include <set>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,15 +27,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-std::optional<Json::Value> ParseJson(const std::string& text) {
-    Json::Value value;
-    Json::CharReaderBuilder builder;
-    std::string errors;
-    std::istringstream in(text);
-    if (!Json::parseFromStream(builder, in, &value, &errors) || !value.isObject()) return std::nullopt;
-    return value;
-}
-
 // The real zepdiag, run as a user or a second run would run it.
 class Zepdiag : public ChildProcess {
 public:
@@ -56,13 +46,6 @@ private:
 };
 
 int RunZepdiag(std::vector<std::string> args, const fs::path& output) { return Zepdiag(std::move(args), output).Wait(); }
-
-std::vector<std::string> Lines(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
 
 class DeviceRunsTest : public ::testing::Test {
 protected:
@@ -90,19 +73,19 @@ protected:
     void ExpectNothingTorn() const {
         const fs::path scanResult = Diagnostics() / "latest" / "scan-result.json";
         if (fs::exists(scanResult)) {
-            const auto document = ParseJson(ReadText(scanResult));
-            ASSERT_TRUE(document) << "torn scan result";
-            EXPECT_TRUE((*document)["components"].isArray());
+            const Json::Value document = ParseJson(ReadText(scanResult));
+            ASSERT_TRUE(document.isObject()) << "torn scan result";
+            EXPECT_TRUE(document["components"].isArray());
         }
         for (const auto& line : Lines(ReadText(Diagnostics() / "scan-history.log"))) {
             EXPECT_EQ(std::count(line.begin(), line.end(), ','), 5) << "torn history line: " << line;
         }
         for (const auto& folder : Uploads()) {
-            const auto record = ParseJson(ReadText(folder / "upload.json"));
-            ASSERT_TRUE(record) << folder;
-            const fs::path file = folder / (*record)["file"].asString();
-            EXPECT_EQ(fs::file_size(file), (*record)["sizeInBytes"].asUInt64()) << folder;
-            EXPECT_TRUE(ParseJson(ReadText(fs::path(file.string() + ".metadata.json")))) << folder;
+            const Json::Value record = ParseJson(ReadText(folder / "upload.json"));
+            ASSERT_TRUE(record.isObject()) << folder;
+            const fs::path file = folder / record["file"].asString();
+            EXPECT_EQ(fs::file_size(file), record["sizeInBytes"].asUInt64()) << folder;
+            EXPECT_TRUE(ParseJson(ReadText(fs::path(file.string() + ".metadata.json"))).isObject()) << folder;
         }
     }
 
@@ -142,15 +125,12 @@ TEST_F(DeviceRunsTest, TwoRunsAtOnceNeverShareTheirDocuments) {
     EXPECT_EQ(HistoryLines(), 2u * kTrials);
     std::set<std::string> scans;
     for (const auto& folder : uploads) {
-        const auto record = ParseJson(ReadText(folder / "upload.json"));
-        ASSERT_TRUE(record);
-        const fs::path zip = folder / (*record)["file"].asString();
-        const auto metadata = ParseJson(ReadText(fs::path(zip.string() + ".metadata.json")));
-        ASSERT_TRUE(metadata);
-        const auto packed = ParseJson(ZipRead(zip, "scan-result.json").value_or(""));
-        ASSERT_TRUE(packed) << zip;
-        const std::string id = (*metadata)["context"]["id"].asString();
-        EXPECT_EQ((*packed)["id"].asString(), id) << zip;
+        const fs::path zip = folder / ParseJson(ReadText(folder / "upload.json"))["file"].asString();
+        const Json::Value metadata = ParseJson(ReadText(fs::path(zip.string() + ".metadata.json")));
+        const Json::Value packed = ParseJson(ZipRead(zip, "scan-result.json").value_or(""));
+        ASSERT_TRUE(metadata.isObject() && packed.isObject()) << zip;
+        const std::string id = metadata["context"]["id"].asString();
+        EXPECT_EQ(packed["id"].asString(), id) << zip;
         EXPECT_NE(zip.filename().string().find(id), std::string::npos) << "the zip is named after its own scan";
         scans.insert(id);
     }

@@ -7,14 +7,15 @@
 #include <gtest/gtest.h>
 
 #include "platform/env/Env.h"
-#include "platform/env/FileSystemEnv.h"
 #include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
+#include "support/HookedFiles.h"
 #include "support/ManagerFixture.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using zep::testing::HookedFiles;
 using zep::testing::kHistoryLineEnd;
 using zep::testing::ReadText;
 using zep::testing::WriteText;
@@ -28,61 +29,21 @@ std::string NumberedLines(int from, int to) {
     return text;
 }
 
-// Notes the largest number of bytes read from one opening of a history file.
-class ReadMeter : public zep::platform::FileSystemEnvWrapper {
+// Notes into `largest` the most bytes read from one opening of the file.
+class MeteredFile : public zep::testing::InputFileWrapper {
 public:
-    using FileSystemEnvWrapper::FileSystemEnvWrapper;
-    using Folder = zep::platform::Folder;
-    using InputFile = zep::platform::InputFile;
-    using FsStatus = zep::platform::FsStatus;
-
-    std::unique_ptr<Folder> OpenFolder(const std::wstring& path, FsStatus* status) override {
-        auto folder = FileSystemEnvWrapper::OpenFolder(path, status);
-        return folder ? std::make_unique<MeteredFolder>(std::move(folder), largest) : nullptr;
+    MeteredFile(std::unique_ptr<zep::platform::InputFile> file, std::shared_ptr<std::size_t> largest)
+        : InputFileWrapper(std::move(file)), largest_(std::move(largest)) {}
+    ~MeteredFile() override { *largest_ = std::max(*largest_, read_); }
+    bool Read(char* buffer, std::size_t size, std::size_t& got, zep::platform::FsStatus* status) override {
+        const bool ok = InputFileWrapper::Read(buffer, size, got, status);
+        read_ += got;
+        return ok;
     }
-    std::size_t largest = 0;
 
 private:
-    class MeteredFile : public InputFile {
-    public:
-        MeteredFile(std::unique_ptr<InputFile> file, std::size_t& largest) : file_(std::move(file)), largest_(largest) {}
-        ~MeteredFile() override { largest_ = std::max(largest_, read_); }
-        bool Read(char* buffer, std::size_t size, std::size_t& got, FsStatus* status) override {
-            const bool ok = file_->Read(buffer, size, got, status);
-            read_ += got;
-            return ok;
-        }
-        bool SeekTo(std::uint64_t offset, FsStatus* status) override { return file_->SeekTo(offset, status); }
-        zep::platform::EntryInfo Info() override { return file_->Info(); }
-
-    private:
-        std::unique_ptr<InputFile> file_;
-        std::size_t& largest_;
-        std::size_t read_ = 0;
-    };
-
-    // Everything as the real folder does it, but history files are metered.
-    class MeteredFolder : public zep::platform::FolderWrapper {
-    public:
-        MeteredFolder(std::unique_ptr<Folder> folder, std::size_t& largest)
-            : FolderWrapper(std::move(folder)), largest_(largest) {}
-        std::unique_ptr<Folder> OpenFolder(std::wstring_view name, FsStatus* status) override {
-            auto folder = FolderWrapper::OpenFolder(name, status);
-            return folder ? std::make_unique<MeteredFolder>(std::move(folder), largest_) : nullptr;
-        }
-        std::unique_ptr<Folder> CreateFolder(std::wstring_view name, FsStatus* status) override {
-            auto folder = FolderWrapper::CreateFolder(name, status);
-            return folder ? std::make_unique<MeteredFolder>(std::move(folder), largest_) : nullptr;
-        }
-        std::unique_ptr<InputFile> OpenFile(std::wstring_view name, FsStatus* status) override {
-            auto file = FolderWrapper::OpenFile(name, status);
-            if (!file || name != L"scan-history.log") return file;
-            return std::make_unique<MeteredFile>(std::move(file), largest_);
-        }
-
-    private:
-        std::size_t& largest_;
-    };
+    std::shared_ptr<std::size_t> largest_;
+    std::size_t read_ = 0;
 };
 
 class ScanHistoryTest : public zep::testing::ManagerTest {
@@ -119,8 +80,13 @@ TEST_F(ScanHistoryTest, UpdateLeavesALastLineWithSevenFieldsUntouched) {
 // proper one: every reader takes only the tail, and the writer puts the ring
 // back.
 TEST_F(ScanHistoryTest, AHugeHistoryIsReadOnlyFromItsTail) {
-    auto meter = std::make_shared<ReadMeter>(zep::platform::DefaultEnv().files);
-    platform.env.files = meter;
+    auto files = std::make_shared<HookedFiles>(zep::platform::DefaultEnv().files);
+    const auto largest = std::make_shared<std::size_t>(0);
+    files->input = [largest](const std::wstring& name, HookedFiles::Input file) -> HookedFiles::Input {
+        if (name != L"scan-history.log") return file;
+        return std::make_unique<MeteredFile>(std::move(file), largest);
+    };
+    platform.env.files = files;
     platform.Reinstall();
     WriteText(History(), std::string(3'000'000, 'x') + "\n" + NumberedLines(1, 20'001));
 
@@ -136,7 +102,7 @@ TEST_F(ScanHistoryTest, AHugeHistoryIsReadOnlyFromItsTail) {
     EXPECT_EQ(text.substr(0, text.find_first_of("\r\n")), "2026-01-01T00:00:00Z,Manual,0,1,0,sig19903");
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 100);
     EXPECT_NE(text.find(std::string("2026-01-01T00:00:00Z,Manual,2,0,0,sig20001") + kHistoryLineEnd), std::string::npos);
-    EXPECT_LE(meter->largest, 64u * 1024u);
+    EXPECT_LE(*largest, 64u * 1024u);
 }
 
 }  // namespace

@@ -1,13 +1,11 @@
 #include "Pki.h"
 
-#include <gtest/gtest.h>
-#include <stdlib.h>
-
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <vector>
 
+#include "support/TempFolder.h"
+#include "support/TestPlatform.h"
 #include "support/posix/ChildProcess.h"
 
 namespace zep::testing {
@@ -69,7 +67,7 @@ public:
         if (RunToEnd({"openssl", "x509", "-in", pair.cert, "-noout", "-fingerprint", "-sha1"}, out) != 0) {
             throw std::runtime_error("openssl x509 -fingerprint failed");
         }
-        std::string text = ReadFile(out);  // "SHA1 Fingerprint=AB:CD:...\n"
+        std::string text = ReadText(out);  // "SHA1 Fingerprint=AB:CD:...\n"
         text = text.substr(text.find('=') + 1);
         return text.substr(0, text.find_last_not_of("\r\n") + 1);
     }
@@ -87,10 +85,8 @@ private:
 };
 
 Pki Make() {
-    std::string pattern = ::testing::TempDir() + "zep-pki-XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
     Pki pki;
-    pki.dir = pattern;
+    pki.dir = MakeTempFolder("zep-pki-");
     Maker maker(pki.dir);
     pki.root = maker.SelfSigned("root", "/CN=Test Root", "root");
     pki.server = maker.Signed("server", "/CN=localhost", "server", pki.root);
@@ -117,11 +113,6 @@ struct Owner {
 const Pki& TestPki() {
     static const Owner owner;
     return owner.pki;
-}
-
-std::string ReadFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 
 }  // namespace zep::testing

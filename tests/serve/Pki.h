@@ -28,6 +28,4 @@ struct Pki {
 // Made on first use; throws when a command fails (see dir/openssl.log).
 const Pki& TestPki();
 
-std::string ReadFile(const std::filesystem::path& path);
-
 }  // namespace zep::testing

@@ -2,7 +2,6 @@
 // over the wire, and the storage result of each answer or refusal.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
 #include <fstream>
@@ -13,6 +12,7 @@
 #include "UploadServer.h"
 #include "serve/HttpsStorage.h"
 #include "support/Fakes.h"
+#include "support/TempFolder.h"
 
 namespace {
 
@@ -25,9 +25,7 @@ using ::testing::StartsWith;
 class HttpsStorageTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        std::string pattern = ::testing::TempDir() + "zep-https-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        dir = pattern;
+        dir = MakeTempFolder("zep-https-");
         archive = dir / "LD-1_scan.zip";
         std::ofstream(archive, std::ios::binary) << content;
         trust.caFile = TestPki().root.cert.string();

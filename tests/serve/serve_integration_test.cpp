@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <openssl/evp.h>
 #include <signal.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <chrono>
@@ -19,6 +18,8 @@
 #include <json/json.h>
 
 #include "Broker.h"
+#include "support/TempFolder.h"
+#include "support/TestPlatform.h"
 #include "support/posix/ChildProcess.h"
 #include "Pki.h"
 #include "UploadServer.h"
@@ -45,13 +46,6 @@ std::string JsonText(const Json::Value& value) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     return Json::writeString(builder, value);
-}
-
-Json::Value ParseJson(const std::string& text) {
-    Json::Value value;
-    std::istringstream in(text);
-    Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr);
-    return value;
 }
 
 // The envelope of a getDiagnostics request for the agent's own scan.
@@ -92,7 +86,7 @@ public:
     bool WaitForLog(const std::string& text, std::chrono::milliseconds timeout = kWait) const {
         return Eventually([&] { return Log().find(text) != std::string::npos; }, timeout);
     }
-    std::string Log() const { return ReadFile(log_); }
+    std::string Log() const { return ReadText(log_); }
     void Signal(int signal) const { process_.Signal(signal); }
     std::optional<int> Wait(std::chrono::milliseconds timeout) { return process_.Wait(timeout); }
     std::optional<int> Stop() {
@@ -111,11 +105,7 @@ private:
 
 class ServeTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        std::string pattern = ::testing::TempDir() + "zep-serve-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-        root = pattern;
-    }
+    void SetUp() override { root = MakeTempFolder("zep-serve-"); }
     void TearDown() override {
         if (!HasFailure()) fs::remove_all(root);  // kept for the logs otherwise
     }
@@ -128,13 +118,10 @@ protected:
         return device;
     }
     static std::string Topic(const fs::path& device) {
-        return "zep/" + ParseJson(ReadFile(device / "device.json"))["deviceId"].asString() + "/notifications";
+        return "zep/" + ParseJson(ReadText(device / "device.json"))["deviceId"].asString() + "/notifications";
     }
     static std::vector<std::string> History(const fs::path& device) {
-        std::vector<std::string> lines;
-        std::istringstream in(ReadFile(device / "programdata/diagnostics/scan-history.log"));
-        for (std::string line; std::getline(in, line);) lines.push_back(line);
-        return lines;
+        return Lines(ReadText(device / "programdata/diagnostics/scan-history.log"));
     }
     // The upload status of the history's last line, once there is one.
     static std::string LastStatus(const fs::path& device) {
@@ -160,12 +147,12 @@ TEST_F(ServeTest, ARequestOverMutualTlsIsScannedAndItsArchiveUploadedOverHttps) 
     Json::Value policy;
     policy["mqtt_baseuri"] = broker.Url();
     policy["api_baseuri"] = "https://127.0.0.1:" + std::to_string(server.Port()) + "/";
-    policy["mqtt_chain_pem64"] = Base64(ReadFile(pki.root.cert));
+    policy["mqtt_chain_pem64"] = Base64(ReadText(pki.root.cert));
     policy["tls_rootca_thumbprint_list"].append(pki.rootThumbprint);
     policy["tls_leaf_cn_list"].append("LOCALHOST");
     const fs::path device = NewDevice("device", policy);
     // The service's own connection is the one the health test reports.
-    Json::Value state = ParseJson(ReadFile(device / "device.json"));
+    Json::Value state = ParseJson(ReadText(device / "device.json"));
     state["notificationAgent"]["mqttState"] = 0;
     std::ofstream(device / "device.json") << JsonText(state);
     Service service(device, {"--cert", pki.client.cert.string(), "--key", pki.client.key.string()});
@@ -182,7 +169,7 @@ TEST_F(ServeTest, ARequestOverMutualTlsIsScannedAndItsArchiveUploadedOverHttps) 
 
     EXPECT_EQ(upload.fileName, "LD-4F2A9C_req-tls-1.zip");
     EXPECT_EQ(upload.fileContent.substr(0, 2), "PK");
-    EXPECT_EQ(upload.deviceId, ParseJson(ReadFile(device / "device.json"))["deviceId"].asString());
+    EXPECT_EQ(upload.deviceId, ParseJson(ReadText(device / "device.json"))["deviceId"].asString());
     EXPECT_EQ(upload.unregistered, "false");
     const Json::Value metadata = ParseJson(upload.metadata);
     EXPECT_EQ(metadata["name"].asString(), upload.fileName);

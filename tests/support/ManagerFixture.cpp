@@ -1,8 +1,5 @@
 #include "support/ManagerFixture.h"
 
-#include <fstream>
-#include <sstream>
-
 #include "platform/util/Strings.h"
 #include "support/ZipReader.h"
 
@@ -60,9 +57,7 @@ Json::Value ManagerTest::ComponentResult(const std::wstring& scanName) const {
         text = ReadText(platform.rootPath / "temp" / "Quorin" / "Zep" / text::ToUtf8(scanName) / "ZEP" /
                         "component-result.json");
     }
-    Json::Value document;
-    std::istringstream(text) >> document;
-    return document;
+    return ParseJson(text);
 }
 
 std::vector<std::wstring> ManagerTest::ScanNames() const {

@@ -31,13 +31,11 @@ public:
     std::wstring& problemSignature() { return m_.problemSignature; }
     std::wstring& diagnosticsCompletedTime() { return m_.diagnosticsCompletedTime; }
     std::shared_ptr<zep::diagnostics::IDiagnosticsGenerator>& generator() { return m_.generator; }
-    void* hostContext() { return m_.hostContext; }
 
     void SaveComponentResultsToFile(Json::Value& document, const std::wstring& path) {
         m_.SaveComponentResultsToFile(document, path);
     }
 
-    static std::uint32_t TestTimeout() { return DiagnosticsManager::_testTimeoutInSeconds; }
     static void SetTestTimeout(std::uint32_t seconds) { DiagnosticsManager::_testTimeoutInSeconds = seconds; }
 
     // What Init would have stored, for tests that check it reaches the launcher.

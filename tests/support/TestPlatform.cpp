@@ -2,7 +2,6 @@
 
 #include <fstream>
 #include <sstream>
-#include <stdexcept>
 
 #include "platform/agent/Log.h"
 #include "platform/env/Beneath.h"
@@ -66,6 +65,25 @@ void WriteText(const std::filesystem::path& path, const std::string& text) {
     std::filesystem::create_directories(path.parent_path());
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out << text;
+}
+
+Json::Value ParseJson(const std::string& text) {
+    Json::Value value;
+    std::istringstream in(text);
+    return Json::parseFromStream(Json::CharReaderBuilder(), in, &value, nullptr) ? value : Json::Value();
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+std::string Utf16Le(const std::string& text) {
+    std::string bytes = "\xFF\xFE";
+    for (const char c : text) bytes += {c, '\0'};
+    return bytes;
 }
 
 }  // namespace zep::testing

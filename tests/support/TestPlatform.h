@@ -8,6 +8,9 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
+
+#include <json/json.h>
 
 #include "platform/device/InProcessHub.h"
 #include "platform/env/Env.h"
@@ -74,5 +77,11 @@ std::wstring Extended(const std::wstring& absolutePath);
 // Reads a whole file; empty when it cannot be read.
 std::string ReadText(const std::filesystem::path& path);
 void WriteText(const std::filesystem::path& path, const std::string& text);
+// The JSON document in `text`; null when there is none.
+Json::Value ParseJson(const std::string& text);
+// The lines of `text`, without their ends.
+std::vector<std::string> Lines(const std::string& text);
+// ASCII `text` as UTF-16LE behind its byte-order mark, as Windows programs write text.
+std::string Utf16Le(const std::string& text);
 
 }  // namespace zep::testing

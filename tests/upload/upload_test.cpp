@@ -2,7 +2,6 @@
 // and what the manager remembers for the scan history.
 #include <cstdint>
 #include <filesystem>
-#include <sstream>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -24,12 +23,6 @@ constexpr const char* kScanResult = R"({"id":"scan1","trigger":"Mqtt","isProblem
 // SHA-256 of kScanResult and of UploadTest::ZipBytes(), made with sha256sum.
 constexpr const char* kScanResultSha256 = "0242febe02abd58d989a320bc69b8c2c96b2c686e3113ce35564998782b0761c";
 constexpr const char* kZipSha256 = "356a9a7e9a1c881e1b47cbfcb25ce8e417870e52c916b6f39d19a68885cf2481";
-
-Json::Value Parse(const std::string& text) {
-    Json::Value value;
-    std::istringstream(text) >> value;
-    return value;
-}
 
 class UploadTest : public ManagerTest {
 protected:
@@ -64,8 +57,6 @@ TEST_F(UploadTest, EachDeviceStateTakesItsOwnPath) {
     const std::string forged = vectors::kProvisionTokenByUnknownKey;
     const std::string expired = vectors::kExpiredProvisionToken;
     const std::string backup = R"({"device_id":"LD-TEST01","provision_token":")" + good + R"("})";
-    std::string utf16 = "\xFF\xFE";
-    for (char c : backup) utf16 += {c, '\0'};
     struct Case {
         const char* name;
         bool registered, provisioned, online;
@@ -92,7 +83,7 @@ TEST_F(UploadTest, EachDeviceStateTakesItsOwnPath) {
         // The token stands for provisioning.
         {"good token", false, false, true, backup, zip, good, zipSent, true, 0, 0},
         {"good token, BOM", false, false, true, "\xEF\xBB\xBF" + backup, zip, good, zipSent, true, 0, 0},
-        {"good token, UTF-16", false, false, true, utf16, zip, good, zipSent, true, 0, 0},
+        {"good token, UTF-16", false, false, true, Utf16Le(backup), zip, good, zipSent, true, 0, 0},
         {"good token offline", false, false, false, backup, nullptr, "", offline, false, 1, 2},
         // A bad token is judged before the network: nothing is marked offline.
         {"forged token", false, true, false, withToken(forged), nullptr, "", "", true, 1, -1},
@@ -128,7 +119,7 @@ TEST_F(UploadTest, EachDeviceStateTakesItsOwnPath) {
             expected["name"] = c.file;
             expected["sizeInBytes"] = Json::Value(static_cast<Json::UInt64>(bytes.size()));
             expected["hash"] = c.file == std::string("scan-result.json") ? kScanResultSha256 : kZipSha256;
-            expected["context"] = Parse(kScanResult);
+            expected["context"] = ParseJson(kScanResult);
             EXPECT_EQ(up.metadata, Json::writeString(Json::StreamWriterBuilder(), expected));
         }
         if (c.log && *c.log) {

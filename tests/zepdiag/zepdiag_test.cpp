@@ -25,26 +25,9 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
-
-std::string Read(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-}
-
-Json::Value ParseJson(const std::string& text) {
-    Json::Value root;
-    std::string errors;
-    std::istringstream in(text);
-    EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &root, &errors)) << errors << "\n" << text;
-    return root;
-}
-
-std::vector<std::string> LinesOf(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
-}
+using zep::testing::Lines;
+using zep::testing::ParseJson;
+using zep::testing::ReadText;
 
 struct Outcome { int code; std::string out, err; };
 
@@ -96,11 +79,11 @@ protected:
 
     // device.json rewritten, as a script changes the device's state.
     void SetOnline(bool online) {
-        Json::Value state = ParseJson(Read(device / "device.json"));
+        Json::Value state = ParseJson(ReadText(device / "device.json"));
         state["online"] = online;
         std::ofstream(device / "device.json", std::ios::trunc) << Json::writeString(Json::StreamWriterBuilder(), state);
     }
-    std::vector<std::string> History() { return LinesOf(Read(zepdiag::ScanHistoryPath(device))); }
+    std::vector<std::string> History() { return Lines(ReadText(zepdiag::ScanHistoryPath(device))); }
     static std::string StatusOf(const std::string& line) { return zepdiag::HistoryFields(line).at(2); }
     fs::path Outbox(const std::string& entry) { return device / "outbox" / entry; }
     void NotifyWithThePlugin();
@@ -123,22 +106,22 @@ TEST_F(ZepdiagTest, ScanReportsItsResultUploadHistoryAndEventAndARepeatUploadsLe
     EXPECT_TRUE(std::regex_match(SummaryValue(scan.out, "Problem signature"), std::regex("[0-9a-fA-F]{64}")));
 
     const fs::path latest = device / "programdata/diagnostics/latest";
-    const std::string id = ParseJson(Read(latest / "scan-result.json"))["id"].asString();
+    const std::string id = ParseJson(ReadText(latest / "scan-result.json"))["id"].asString();
     EXPECT_EQ(SummaryValue(scan.out, "Scan id"), id);
     const fs::path zip = SummaryValue(scan.out, "Zip");
     const std::string name = "LD-4F2A9C_" + id + ".zip";
     EXPECT_EQ(zip, latest / name);
 
     ASSERT_TRUE(fs::is_regular_file(Outbox("0001") / name)) << scan.out;
-    EXPECT_EQ(Read(Outbox("0001") / name), Read(zip));
-    const Json::Value metadata = ParseJson(Read(Outbox("0001") / (name + ".metadata.json")));
+    EXPECT_EQ(ReadText(Outbox("0001") / name), ReadText(zip));
+    const Json::Value metadata = ParseJson(ReadText(Outbox("0001") / (name + ".metadata.json")));
     EXPECT_EQ(metadata["sizeInBytes"].asUInt64(), fs::file_size(zip));
     EXPECT_TRUE(std::regex_match(metadata["hash"].asString(), std::regex("[0-9a-f]{64}"))) << metadata["hash"];
     EXPECT_EQ(metadata["context"]["id"].asString(), id);
     const std::vector<std::string> history = History();
     ASSERT_EQ(history.size(), 1u);
     EXPECT_EQ(StatusOf(history[0]), "0");
-    const std::vector<std::string> events = LinesOf(Read(device / "events.log"));
+    const std::vector<std::string> events = Lines(ReadText(device / "events.log"));
     ASSERT_EQ(events.size(), 1u);
     EXPECT_EQ(ParseJson(events[0])["eventId"].asInt(), 1018);
 
@@ -150,7 +133,7 @@ TEST_F(ZepdiagTest, ScanReportsItsResultUploadHistoryAndEventAndARepeatUploadsLe
     const Outcome scheduled = Zepdiag({"scan", "--device", device.string(), "--scheduled"});
     ASSERT_EQ(scheduled.code, 0) << scheduled.err;
     EXPECT_EQ(SummaryValue(scheduled.out, "Trigger"), "Scheduled");
-    EXPECT_EQ(Read(Outbox("0002/scan-result.json")), Read(zepdiag::ScanResultPath(device))) << scheduled.out;
+    EXPECT_EQ(ReadText(Outbox("0002/scan-result.json")), ReadText(zepdiag::ScanResultPath(device))) << scheduled.out;
     EXPECT_THAT(SummaryValue(scheduled.out, "Upload"), StartsWith("the scan result only, "));
     ASSERT_EQ(History().size(), 2u);
     EXPECT_EQ(StatusOf(History()[1]), "0");
@@ -172,7 +155,7 @@ TEST_F(ZepdiagTest, OfflineScanIsUploadedWhenTheDeviceComesOnline) {
     ASSERT_EQ(online.code, 0) << online.err;
     EXPECT_THAT(online.out, HasSubstr("online notification was delivered"));
     const fs::path zip = SummaryValue(scan.out, "Zip");
-    EXPECT_EQ(Read(Outbox("0001") / zip.filename()), Read(zip)) << online.out;
+    EXPECT_EQ(ReadText(Outbox("0001") / zip.filename()), ReadText(zip)) << online.out;
     // The deferred scan's line is rewritten, not a new one added.
     ASSERT_EQ(History().size(), 1u);
     EXPECT_EQ(StatusOf(History()[0]), "0");
@@ -213,11 +196,11 @@ void ZepdiagTest::NotifyWithThePlugin() {
     const Outcome notify = Zepdiag({"notify", "--device", device.string(), "--payload", payload});
     ASSERT_EQ(notify.code, 0) << notify.err;
     EXPECT_EQ(SummaryValue(notify.out, "Trigger"), "Mqtt");
-    const Json::Value result = ParseJson(Read(diagnostics / "latest/scan-result.json"));
+    const Json::Value result = ParseJson(ReadText(diagnostics / "latest/scan-result.json"));
     EXPECT_EQ(result["id"].asString(), "r1");
     EXPECT_EQ(result["components"][0]["componentId"].asString(), "com.quorin.demoplugin");
     const fs::path zip = diagnostics / "latest" / zipName;
-    const std::vector<std::string> history = LinesOf(Read(diagnostics / "scan-history.log"));
+    const std::vector<std::string> history = Lines(ReadText(diagnostics / "scan-history.log"));
     ASSERT_EQ(history.size(), 1u);
     EXPECT_EQ(StatusOf(history[0]), "0");
 
@@ -225,8 +208,8 @@ void ZepdiagTest::NotifyWithThePlugin() {
     const fs::path uploaded = outboxHolding(zipName);
     ASSERT_FALSE(uploaded.empty()) << notify.out;
     EXPECT_NE(uploaded, outboxHolding("LD-4F2A9C_r1.zip"));
-    EXPECT_EQ(Read(uploaded / zipName), Read(zip));
-    EXPECT_EQ(ParseJson(Read(uploaded / (zipName + ".metadata.json")))["context"]["id"].asString(), "r1");
+    EXPECT_EQ(ReadText(uploaded / zipName), ReadText(zip));
+    EXPECT_EQ(ParseJson(ReadText(uploaded / (zipName + ".metadata.json")))["context"]["id"].asString(), "r1");
 
     // The agent's part reports its own upload only; the plug-in's follows.
     EXPECT_THAT(SummaryValue(notify.out, "Upload"), StartsWith("the scan's zip, LD-4F2A9C_r1.zip"));
@@ -288,7 +271,9 @@ TEST_F(ZepdiagTest, JsonOutputIsOneDocumentWithTheFactsOfTheText) {
     ASSERT_EQ(scan.code, 0) << scan.err;
     const Json::Value scanned = ParseJson(scan.out);
     EXPECT_EQ(scanned["trigger"].asString(), "Manual");
-    EXPECT_EQ(scanned["scanResult"], ParseJson(Read(zepdiag::ScanResultPath(device))));
+    const Json::Value stored = ParseJson(ReadText(zepdiag::ScanResultPath(device)));
+    ASSERT_TRUE(stored.isObject());
+    EXPECT_EQ(scanned["scanResult"], stored);
     const std::string zip = scanned["zip"]["path"].asString();
     EXPECT_TRUE(fs::is_regular_file(zip)) << zip;
     EXPECT_EQ(scanned["zip"]["size"].asUInt64(), fs::file_size(zip));
