@@ -9,7 +9,9 @@
 # then collects and packs with PowerShell. Wine's own powershell.exe does
 # nothing, so the tests' stand-in takes its place: it records each command
 # line the module launches (printed after the summary) and exits 0, but packs
-# nothing, so the scan reports no archive and keeps what it staged.
+# nothing, so the scan reports no archive and keeps what it staged. A second
+# scan then packs with the module's own one-pass packer (--native), as on
+# Linux, and lists its archive.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 device="$(realpath -m "${1:-./zep-device-windows}")"
@@ -39,3 +41,8 @@ run "$bin/zepdiag.exe" scan --device "$windows_device"
 echo
 echo "PowerShell command lines the module launched (recorded by the stand-in):"
 sed 's/^/  /' "$record"
+echo
+echo "The same device scanned again with the module's own packer (--native):"
+: >"$record"
+run "$bin/zepdiag.exe" scan --native --device "$windows_device"
+
