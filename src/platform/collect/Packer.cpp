@@ -102,7 +102,6 @@ std::string StatusText(const FsStatus& status) {
     }
 }
 
-
 // Opens a source's file through the folder cache; null (with the status)
 // when it is gone, a link or not a regular file.
 std::unique_ptr<InputFile> OpenSource(FolderCache& folders, const PackSource& source, FsStatus& status) {
