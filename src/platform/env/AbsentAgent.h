@@ -88,4 +88,21 @@ public:
     std::shared_ptr<LogSink> OpenLog(const std::string&, int) override { return nullptr; }
 };
 
+// An Env whose agent side is absent (the members above); the system side
+// (files, system, registry, processes, clocks, collection) is the backend's.
+inline Env AbsentAgentEnv() {
+    Env env;
+    env.device = std::make_shared<AbsentDevice>();
+    env.network = std::make_shared<OfflineNetwork>();
+    env.hub = std::make_shared<AbsentHub>();
+    env.agents = std::make_shared<AbsentAgents>();
+    env.settings = std::make_shared<DefaultSettings>();
+    env.logs = std::make_shared<DroppingLogEnv>();
+    env.policy = std::make_shared<EmptyPolicy>();
+    env.storage = std::make_shared<AbsentStorage>();
+    env.events = std::make_shared<DroppingEvents>();
+    env.extensions = std::make_shared<AbsentExtensions>();
+    return env;
+}
+
 }  // namespace zep::platform

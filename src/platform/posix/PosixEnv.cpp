@@ -30,23 +30,13 @@ public:
 }  // namespace
 
 Env DefaultEnv() {
-    Env env;
+    Env env = AbsentAgentEnv();
     env.files = std::make_shared<PosixFileSystem>();
     env.system = std::make_shared<PosixSystem>();
     env.registry = std::make_shared<EmptyRegistry>();
     env.processes = std::make_shared<PosixProcess>();
     env.clock = std::make_shared<PosixClock>();
     env.random = std::make_shared<PosixRandom>();
-    env.device = std::make_shared<AbsentDevice>();
-    env.network = std::make_shared<OfflineNetwork>();
-    env.hub = std::make_shared<AbsentHub>();
-    env.agents = std::make_shared<AbsentAgents>();
-    env.settings = std::make_shared<DefaultSettings>();
-    env.logs = std::make_shared<DroppingLogEnv>();
-    env.policy = std::make_shared<EmptyPolicy>();
-    env.storage = std::make_shared<AbsentStorage>();
-    env.events = std::make_shared<DroppingEvents>();
-    env.extensions = std::make_shared<AbsentExtensions>();
     env.collection = NativeCollectionEnv();
     return env;
 }

@@ -333,11 +333,7 @@ ProcessResult PosixProcess::Spawn(const ProcessRequest& request) {
 int PosixProcess::LaunchCommandLine(const std::wstring& commandLine, const std::wstring& arguments, bool wait,
                                     void* /*hostContext*/, milliseconds ceiling) {
     try {
-        std::wstring line = commandLine;
-        if (!arguments.empty()) {
-            line += L' ';
-            line += arguments;
-        }
+        const std::wstring line = WithArguments(commandLine, arguments);
         ProcessRequest request;
         request.argv = SplitWindowsCommandLine(line);
         if (request.argv.empty()) return 0;

@@ -134,4 +134,8 @@ std::optional<std::wstring> JoinWindowsCommandLine(const std::vector<std::wstrin
     return line;
 }
 
+std::wstring WithArguments(const std::wstring& commandLine, const std::wstring& arguments) {
+    return arguments.empty() ? commandLine : commandLine + L' ' + arguments;
+}
+
 }  // namespace zep::platform

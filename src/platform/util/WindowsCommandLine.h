@@ -14,6 +14,9 @@ namespace zep::platform {
 // double quotes by the 2n / 2n+1 rule).
 std::vector<std::wstring> SplitWindowsCommandLine(const std::wstring& commandLine);
 
+// A launch's command line with its arguments, if any, after one blank.
+std::wstring WithArguments(const std::wstring& commandLine, const std::wstring& arguments);
+
 // The command line that SplitWindowsCommandLine (and CommandLineToArgvW) turn
 // back into `argv`. Nullopt when there is none: an empty vector, an empty
 // program name, a program name with a double quote (which no command line can

@@ -12,23 +12,13 @@
 namespace zep::platform {
 
 Env DefaultEnv() {
-    Env env;
+    Env env = AbsentAgentEnv();
     env.files = std::make_shared<WindowsFileSystem>();
     env.system = std::make_shared<WindowsSystem>();
     env.registry = std::make_shared<WindowsRegistry>();
     env.processes = std::make_shared<WindowsProcess>();
     env.clock = std::make_shared<WindowsClock>();
     env.random = std::make_shared<WindowsRandom>();
-    env.device = std::make_shared<AbsentDevice>();
-    env.network = std::make_shared<OfflineNetwork>();
-    env.hub = std::make_shared<AbsentHub>();
-    env.agents = std::make_shared<AbsentAgents>();
-    env.settings = std::make_shared<DefaultSettings>();
-    env.logs = std::make_shared<DroppingLogEnv>();
-    env.policy = std::make_shared<EmptyPolicy>();
-    env.storage = std::make_shared<AbsentStorage>();
-    env.events = std::make_shared<DroppingEvents>();
-    env.extensions = std::make_shared<AbsentExtensions>();
     env.collection = nullptr;  // the agent's PowerShell and registry-editor command lines
     return env;
 }

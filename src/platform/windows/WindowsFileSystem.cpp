@@ -89,6 +89,31 @@ bool CheckOpened(const Handle& handle, bool folder, BY_HANDLE_FILE_INFORMATION& 
     return true;
 }
 
+// How an entry is opened: the kind expected, and CreateFileW's arguments.
+struct Opening {
+    bool folder = false;
+    bool checkFirst = true;  // a file about to be created new has nothing to check
+    DWORD access = 0;
+    DWORD share = 0;
+    DWORD disposition = OPEN_EXISTING;
+    DWORD flags = FILE_ATTRIBUTE_NORMAL;
+};
+
+// Opens the entry at `path` of the kind expected, checked by its attributes
+// before and by its handle after: never through a link. An invalid handle,
+// with `status` set, otherwise.
+Handle OpenChecked(const std::wstring& path, const Opening& how, BY_HANDLE_FILE_INFORMATION& info, FsStatus* status) {
+    if (how.checkFirst && !CheckBeforeOpen(path, how.folder, status)) return Handle();
+    Handle handle = OpenEntry(path, how.access, how.share, how.disposition, how.flags);
+    if (!handle.Valid()) {
+        const DWORD code = ::GetLastError();
+        Fail(status, win32::ErrorOf(code), code);
+        return Handle();
+    }
+    if (!CheckOpened(handle, how.folder, info, status)) return Handle();
+    return handle;
+}
+
 bool DeleteFileForced(const std::wstring& path, DWORD attributes) {
     if (::DeleteFileW(path.c_str())) return true;
     // A read-only file is one POSIX would delete; a link keeps its target's
@@ -204,15 +229,10 @@ public:
             return nullptr;
         }
         const std::wstring path = Child(extended_, name);
-        if (!CheckBeforeOpen(path, true, status)) return nullptr;
-        Handle handle = OpenEntry(path, kFolderAccess, kShareFolder, OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS);
-        if (!handle.Valid()) {
-            const DWORD code = ::GetLastError();
-            Fail(status, win32::ErrorOf(code), code);
-            return nullptr;
-        }
         BY_HANDLE_FILE_INFORMATION info{};
-        if (!CheckOpened(handle, true, info, status)) return nullptr;
+        Handle handle = OpenChecked(path, {true, true, kFolderAccess, kShareFolder, OPEN_EXISTING,
+                                           FILE_FLAG_BACKUP_SEMANTICS}, info, status);
+        if (!handle.Valid()) return nullptr;
         return std::make_unique<WindowsFolder>(std::move(handle), JoinPath(path_, name), path);
     }
 
@@ -238,16 +258,11 @@ public:
             Invalid(status);
             return nullptr;
         }
-        const std::wstring path = Child(extended_, name);
-        if (!CheckBeforeOpen(path, false, status)) return nullptr;
-        Handle handle = OpenEntry(path, GENERIC_READ, kShareAll, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN);
-        if (!handle.Valid()) {
-            const DWORD code = ::GetLastError();
-            Fail(status, win32::ErrorOf(code), code);
-            return nullptr;
-        }
         BY_HANDLE_FILE_INFORMATION info{};
-        if (!CheckOpened(handle, false, info, status)) return nullptr;
+        Handle handle = OpenChecked(Child(extended_, name),
+                                    {false, true, GENERIC_READ, kShareAll, OPEN_EXISTING, FILE_FLAG_SEQUENTIAL_SCAN},
+                                    info, status);
+        if (!handle.Valid()) return nullptr;
         return win32::MakeInputFile(std::move(handle), win32::InfoOf(std::wstring(name), info));
     }
 
@@ -256,24 +271,19 @@ public:
             Invalid(status);
             return nullptr;
         }
-        const std::wstring path = Child(extended_, name);
-        if (mode != Create::New && !CheckBeforeOpen(path, false, status)) return nullptr;
         // Appending with FILE_APPEND_DATA alone puts every write at the end,
         // also when another process appends at the same time.
         const DWORD access = mode == Create::Append
                                  ? FILE_APPEND_DATA | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES | SYNCHRONIZE
                                  : GENERIC_WRITE | FILE_READ_ATTRIBUTES;
-        Handle handle = OpenEntry(path, access, kShareAll, mode == Create::New ? CREATE_NEW : OPEN_ALWAYS,
-                                  FILE_ATTRIBUTE_NORMAL);
-        if (!handle.Valid()) {
-            const DWORD code = ::GetLastError();
-            Fail(status, win32::ErrorOf(code), code);
-            return nullptr;
-        }
         // Emptying only after the check: a second name of a file elsewhere
         // (a hard link) is not ours to empty or extend.
         BY_HANDLE_FILE_INFORMATION info{};
-        if (!CheckOpened(handle, false, info, status)) return nullptr;
+        Handle handle = OpenChecked(Child(extended_, name),
+                                    {false, mode != Create::New, access, kShareAll,
+                                     mode == Create::New ? DWORD{CREATE_NEW} : DWORD{OPEN_ALWAYS}, FILE_ATTRIBUTE_NORMAL},
+                                    info, status);
+        if (!handle.Valid()) return nullptr;
         if (info.nNumberOfLinks > 1) {
             Fail(status, FsError::WrongKind);
             return nullptr;
@@ -314,16 +324,12 @@ public:
             Invalid(status);
             return nullptr;
         }
-        const std::wstring path = Child(extended_, name);
-        if (!CheckBeforeOpen(path, false, status)) return nullptr;
-        Handle handle = OpenEntry(path, GENERIC_READ | GENERIC_WRITE, kShareAll, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL);
-        if (!handle.Valid()) {
-            const DWORD code = ::GetLastError();
-            Fail(status, win32::ErrorOf(code), code);
-            return nullptr;
-        }
         BY_HANDLE_FILE_INFORMATION info{};
-        if (!CheckOpened(handle, false, info, status)) return nullptr;
+        Handle handle = OpenChecked(Child(extended_, name),
+                                    {false, true, GENERIC_READ | GENERIC_WRITE, kShareAll, OPEN_ALWAYS,
+                                     FILE_ATTRIBUTE_NORMAL},
+                                    info, status);
+        if (!handle.Valid()) return nullptr;
         // Locks belong to the handle: two opens in one process exclude each
         // other just as two processes do.
         return win32::LockWholeFile(std::move(handle), wait, status);

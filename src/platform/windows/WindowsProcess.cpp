@@ -242,11 +242,7 @@ ProcessResult WindowsProcess::Spawn(const ProcessRequest& request) {
 int WindowsProcess::LaunchCommandLine(const std::wstring& commandLine, const std::wstring& arguments, bool wait,
                                       void* /*hostContext*/, milliseconds ceiling) {
     try {
-        std::wstring line = commandLine;
-        if (!arguments.empty()) {
-            line += L' ';
-            line += arguments;
-        }
+        const std::wstring line = WithArguments(commandLine, arguments);
         Child child;
         if (!Start(line, std::wstring(), false, child)) return 0;
         if (wait) {
