@@ -1,12 +1,6 @@
 // The Win32 file system: folders held open, extended-length paths, and
 // reparse points seen and never followed.
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
+#include "platform/windows/Win32.h"
 
 #include <gtest/gtest.h>
 

@@ -1,12 +1,6 @@
 // Child processes on Windows: exit codes, the exact command line, the job
 // that ends a whole tree at the ceiling, captured output.
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
+#include "platform/windows/Win32.h"
 #include <shellapi.h>
 
 #include <gmock/gmock.h>

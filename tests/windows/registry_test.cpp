@@ -1,12 +1,6 @@
 // The Windows registry: values absent, of another type and present, the
 // tree as the registry editor exports it, and the editor's own export.
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
+#include "platform/windows/Win32.h"
 
 #include <gtest/gtest.h>
 

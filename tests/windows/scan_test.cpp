@@ -3,13 +3,7 @@
 // command line the module launches is compared whole with the agent's own
 // template, filled in with the real paths. The stand-in only records, so no
 // archive is made: what follows from that is checked too.
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
+#include "platform/windows/Win32.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,11 +1,5 @@
 // The system's folders, the user and the random source, as Windows gives them.
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
+#include "platform/windows/Win32.h"
 
 #include <gtest/gtest.h>
 

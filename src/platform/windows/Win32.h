@@ -1,6 +1,7 @@
-// The Win32 backend's one door to <windows.h>, and what every file of the
-// backend shares: an owned handle and the text of a system error. Only
-// platform/windows/*.cpp include this, always first.
+// The one door to <windows.h> for the Win32 backend and the Windows-only
+// files of the host and the tests, and what the backend's files share: an
+// owned handle and the text of a system error. The portable code never
+// includes it.
 #pragma once
 
 #ifndef WIN32_LEAN_AND_MEAN
