@@ -70,10 +70,14 @@ struct Job {
 class FolderCache {
 public:
     Folder* Get(const PackSource& source, FsStatus* status) {
-        Key key{source.root.get(), std::vector<std::wstring>(source.path.begin(), source.path.end() - 1)};
+        const auto folders = source.path.end() - 1;
         for (auto& held : held_) {
-            if (held.first == key) return held.second.get();
+            if (held.first.first == source.root.get() &&
+                std::equal(held.first.second.begin(), held.first.second.end(), source.path.begin(), folders)) {
+                return held.second.get();  // found without a copy of the path: this runs once per file
+            }
         }
+        Key key{source.root.get(), std::vector<std::wstring>(source.path.begin(), folders)};
         std::unique_ptr<Folder> opened;
         Folder* current = source.root.get();
         for (const auto& name : key.second) {
