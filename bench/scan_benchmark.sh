@@ -16,6 +16,10 @@
 # resident memory, and checks that the scan's and the tools' archives hold the
 # same logs with the same scrub.
 #
+# Each contender runs RUNS times (default 3; the scans of the devices take
+# turns) with its files read into memory just before, and the table shows the
+# medians: on a shared machine a single sample can be several times slower.
+#
 # Works in a new folder below PARENT (default ${TMPDIR:-/tmp}; about 2.5 GB),
 # removed at the end unless KEEP=1. VARIANTS="base" skips the 1g and 20k
 # devices. SCANNER=FILE runs the scans with another build of zep_staging_bench
@@ -27,6 +31,7 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 bench=$root/build/release/bench/zep_staging_bench
 scanner=${SCANNER:-$bench}
 variants=${VARIANTS:-base 1g 20k}
+runs=${RUNS:-3}
 log_budget=52428800  # the module's 50 MiB of newest logs
 
 # ---- what the run needs ------------------------------------------------------
@@ -58,7 +63,16 @@ trap cleanup EXIT
 now() { date +%s.%N; }
 seconds() { awk -v a="$1" -v b="$2" 'BEGIN { printf "%.3f", b - a }'; }
 value() { sed -n "s/^$2=//p" "$1"; }
-rss_of() { awk -F': ' '/Maximum resident set size/ { print $2 }' "$1"; }
+median() { sort -n | awk '{ v[NR] = $1 } END { print v[int((NR + 1) / 2)] }'; }
+# Reads a tree's files, so that a contender finds them in memory: the page
+# cache of this kind of machine is reclaimed behind our back.
+warm() { find "$1" -type f -exec cat {} + >/dev/null; }
+# The median over the runs of a scan's report value, or the largest RSS.
+scan_value() { for run in $(seq "$runs"); do value "$work/$1.$run.report" "$2"; done | median; }
+rss_of() {
+  for run in $(seq "$runs"); do awk -F': ' '/Maximum resident set size/ { print $2 }' "$work/$1.$run.time"; done |
+    sort -n | tail -1
+}
 
 # ---- the devices -------------------------------------------------------------
 echo "Generating the devices: $variants"
@@ -104,41 +118,54 @@ TOOLS
 echo "Load average before the contenders: $(cut -d' ' -f1-3 /proc/loadavg) ($(nproc) CPUs)"
 
 # ---- the scans -----------------------------------------------------------------
-for variant in $variants; do
-  echo "Scanning $variant"
-  if ! /usr/bin/time -v -o "$work/$variant.time" "$scanner" run "$work/$variant" --report "$work/$variant.report" \
-      >/dev/null; then
-    echo "The scan of $variant failed; its log: $work/$variant/programdata/Log/ZEPDiagnostics.log" >&2
-    KEEP=1
-    exit 1
-  fi
+for run in $(seq "$runs"); do
+  for variant in $variants; do
+    echo "Scanning $variant ($run of $runs)"
+    warm "$work/$variant"
+    if ! /usr/bin/time -v -o "$work/$variant.$run.time" "$scanner" run "$work/$variant" \
+        --report "$work/$variant.$run.report" >/dev/null; then
+      echo "The scan of $variant failed; its log: $work/$variant/programdata/Log/ZEPDiagnostics.log" >&2
+      KEEP=1
+      exit 1
+    fi
+  done
 done
-scan_zip=$(value "$work/base.report" zip)
+scan_zip=$(value "$work/base.$runs.report" zip)
 
 # ---- the floor: deflating exactly what the scan packs ---------------------------
 mkdir "$work/unpacked"
 unzip -q "$scan_zip" -d "$work/unpacked"
-tar -cf - -C "$work/unpacked" . > /dev/null  # read once, so that the floor reads from memory as the scan does
 echo "Deflating the same bytes: tar | pigz -6 -p 2"
-start=$(now)
-tar -cf - -C "$work/unpacked" . | pigz -6 -p 2 > /dev/null
-floor_s=$(seconds "$start" "$(now)")
+for run in $(seq "$runs"); do
+  warm "$work/unpacked"
+  start=$(now)
+  tar -cf - -C "$work/unpacked" . | pigz -6 -p 2 > /dev/null
+  seconds "$start" "$(now)"
+  echo
+done > "$work/floor.times"
+floor_s=$(median < "$work/floor.times")
 packed_bytes=$(du -sb --apparent-size "$work/unpacked" | cut -f1)
 
 echo "Standard tools: cp -a, find, sort | awk, perl -i, zip -r -6"
-start=$(now)
-bash "$work/tools.sh" "$work/tools" "$work/tools/staging" "$work/tools.zip" "$log_budget"
-tools_s=$(seconds "$start" "$(now)")
+for run in $(seq "$runs"); do
+  rm -f "$work/tools.zip"
+  warm "$work/tools"
+  start=$(now)
+  bash "$work/tools.sh" "$work/tools" "$work/tools/staging" "$work/tools.zip" "$log_budget"
+  seconds "$start" "$(now)"
+  echo
+done > "$work/tools.times"
+tools_s=$(median < "$work/tools.times")
 echo "Load average after the contenders: $(cut -d' ' -f1-3 /proc/loadavg)"
 
 # ---- the table -----------------------------------------------------------------
-scan_s=$(value "$work/base.report" wall_s)
+scan_s=$(scan_value base wall_s)
 echo
 printf '%-40s %9s %9s %9s %9s\n' "" "s" "MiB in" "zip MiB" "RSS MiB"
 for variant in $variants; do
-  awk -v name="scan $variant" -v s="$(value "$work/$variant.report" wall_s)" \
-    -v zip="$(value "$work/$variant.report" zip_bytes)" -v rss="$(rss_of "$work/$variant.time")" \
-    -v files="$(value "$work/$variant.report" log_files)" 'BEGIN {
+  awk -v name="scan $variant" -v s="$(scan_value "$variant" wall_s)" \
+    -v zip="$(value "$work/$variant.$runs.report" zip_bytes)" -v rss="$(rss_of "$variant")" \
+    -v files="$(value "$work/$variant.$runs.report" log_files)" 'BEGIN {
       printf "%-40s %9.2f %9s %9.1f %9.1f\n", name " (" files " logs)", s, "", zip / 1048576, rss / 1024 }'
 done
 awk -v s="$floor_s" -v bytes="$packed_bytes" 'BEGIN {
@@ -155,16 +182,17 @@ for variant in $variants; do
     1g) target="<= 1.1" ;;
     *) continue ;;
   esac
-  awk -v name="$variant" -v s="$(value "$work/$variant.report" wall_s)" -v base="$scan_s" -v target="$target" 'BEGIN {
+  awk -v name="$variant" -v s="$(scan_value "$variant" wall_s)" -v base="$scan_s" -v target="$target" 'BEGIN {
     printf "scan %-4s / scan base %5.2fx   (target %s)\n", name, s / base, target }'
 done
 max_rss=0
 for variant in $variants; do
-  rss=$(rss_of "$work/$variant.time")
+  rss=$(rss_of "$variant")
   [ "$rss" -gt "$max_rss" ] && max_rss=$rss
 done
 awk -v rss="$max_rss" 'BEGIN { printf "peak RSS of a scan    %5.1f MiB (target <= 64)\n", rss / 1024 }'
-echo "s: the scan alone (process start and the archive's check excluded); the floor and the tools end to end."
+echo "s: medians of $runs runs; the scan alone (process start and the archive's check excluded), the floor and the tools end to end."
+echo "Each run's seconds: scans $(for v in $variants; do printf '%s ' "$v:$(for r in $(seq "$runs"); do value "$work/$v.$r.report" wall_s; done | tr '\n' ',' | sed 's/,$//')"; done)floor $(tr '\n' ',' < "$work/floor.times" | sed 's/,$//') tools $(tr '\n' ',' < "$work/tools.times" | sed 's/,$//')"
 
 # ---- the scan's and the tools' archives hold the same logs ------------------------
 # The module's own log (ZEPDiagnostics.log) is written during its scan and is

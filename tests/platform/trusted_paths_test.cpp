@@ -7,6 +7,7 @@
 #include <chrono>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -172,6 +173,36 @@ TEST_F(TrustedPathsTest, ALinkIsRemovedAsALinkAndNeverListedOrCopied) {
         EXPECT_FALSE(EntryExists(Data() / "a"));
     }
     EXPECT_EQ(VictimState(), before);
+}
+
+TEST_F(TrustedPathsTest, ListingKindsOnlySeesEachEntryAsTheFullListingDoes) {
+    // The walks that need no sizes or times take the kind from the listing
+    // itself: a link or a FIFO must not pass for a file or a folder there.
+    ASSERT_TRUE(testing::MakeFolderLink(Data() / "a" / "to-victim", Victim()));
+#ifndef _WIN32
+    fs::create_symlink(Victim() / "file.txt", Data() / "a" / "file-link.txt");
+    ASSERT_EQ(::mkfifo((Data() / "a" / "pipe.log").c_str(), 0600), 0);
+#endif
+    WriteText(Data() / "a" / "top.log", "agent");
+    const auto folder = FileSystem::openFolder(Wide(Data() / "a"), false);
+    ASSERT_NE(folder, nullptr);
+    const auto kinds = [](const std::vector<EntryInfo>& entries) {
+        std::map<std::wstring, EntryKind> byName;
+        for (const auto& entry : entries) byName[entry.name] = entry.kind;
+        return byName;
+    };
+    std::vector<EntryInfo> full;
+    std::vector<EntryInfo> light;
+    ASSERT_TRUE(folder->List(full));
+    ASSERT_TRUE(folder->ListKinds(light));
+    EXPECT_EQ(kinds(light), kinds(full));
+    std::map<std::wstring, EntryKind> expected = {
+        {L"b", EntryKind::Folder}, {L"top.log", EntryKind::File}, {L"to-victim", EntryKind::Link}};
+#ifndef _WIN32
+    expected[L"file-link.txt"] = EntryKind::Link;
+    expected[L"pipe.log"] = EntryKind::Other;
+#endif
+    EXPECT_EQ(kinds(light), expected);
 }
 
 #ifndef _WIN32

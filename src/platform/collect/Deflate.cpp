@@ -109,13 +109,9 @@ bool PieceDeflater::Deflate(std::string_view input, bool last, std::string& out)
 }
 
 std::uint32_t Crc32(std::uint32_t crc, std::string_view data) {
-    uLong value = crc;
-    while (!data.empty()) {
-        const std::size_t step = std::min(data.size(), kMaxStep);
-        value = crc32(value, reinterpret_cast<const Bytef*>(data.data()), static_cast<uInt>(step));
-        data.remove_prefix(step);
-    }
-    return static_cast<std::uint32_t>(value);
+    // libdeflate's CRC-32 folds with carry-less multiplication where the
+    // processor has it: several times as fast as zlib's.
+    return libdeflate_crc32(crc, data.data(), data.size());
 }
 
 std::uint32_t Crc32Combine(std::uint32_t crcA, std::uint32_t crcB, std::size_t lengthB) {

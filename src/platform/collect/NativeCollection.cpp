@@ -113,7 +113,7 @@ bool ScrubInPlace(Folder& folder, const platform::EntryInfo& entry, const wchar_
 
 struct Entries {
     std::map<std::string, PackEntry> folders;  // by archive name: parents before children
-    std::map<std::string, PackEntry> files;
+    std::vector<PackEntry> files;              // as added; sorted by name and made unique by InOrder
 
     void AddFolder(const std::vector<std::wstring>& path, std::int64_t modifiedNs) {
         std::string name = ArchiveName(path, true);
@@ -121,7 +121,7 @@ struct Entries {
     }
     // A later file of the same name replaces an earlier one.
     void AddFile(std::string name, std::int64_t modifiedNs, PackSource source) {
-        files[name] = PackEntry{name, modifiedNs, std::move(source)};
+        files.push_back(PackEntry{std::move(name), modifiedNs, std::move(source)});
     }
     void AddListing(const std::shared_ptr<Folder>& root, const Listing& listing,
                     const std::vector<std::wstring>& prefix = {}) {
@@ -135,7 +135,12 @@ struct Entries {
         std::vector<PackEntry> all;
         all.reserve(folders.size() + files.size());
         for (auto& item : folders) all.push_back(std::move(item.second));
-        for (auto& item : files) all.push_back(std::move(item.second));
+        std::stable_sort(files.begin(), files.end(),
+                         [](const PackEntry& a, const PackEntry& b) { return a.name < b.name; });
+        for (std::size_t i = 0; i < files.size(); ++i) {
+            if (i + 1 < files.size() && files[i + 1].name == files[i].name) continue;  // replaced
+            all.push_back(std::move(files[i]));
+        }
         return all;
     }
 
@@ -160,9 +165,10 @@ std::vector<PackEntry> StagingEntries(const std::shared_ptr<Folder>& root, const
             if (entries.folders.count(ArchiveName(folder, true)) == 0) entries.AddFolder(folder, 0);
         }
         for (const auto& folder : plan->folders) entries.AddFolder(Entries::Join(*prefix, folder.path), folder.modifiedNs);
+        const std::string above = prefix->empty() ? std::string() : ArchiveName(*prefix) + '/';
         for (const auto& file : plan->files) {
             if (file.dropped) continue;
-            entries.AddFile(ArchiveName(Entries::Join(*prefix, file.path)), file.modifiedNs,
+            entries.AddFile(above + ArchiveName(file.path), file.modifiedNs,
                             PackSource{plan->source, file.path, file.size, file.scrub});
         }
     }
@@ -286,7 +292,7 @@ int NativeCollection::RemoveArchives(const std::wstring& folder) {
             if (IsArchiveName(file.path.back())) ok = RemoveBelow(root, file.path, folder, kRemoveArchives) && ok;
         }
         for (const auto& view : state_->plans.FilesBelow(folder, true)) {
-            if (IsArchiveName(view.path.back())) view.file->dropped = true;
+            if (IsArchiveName(view.file->path.back())) view.file->dropped = true;
         }
         return ok ? 1 : 0;
     });
@@ -303,7 +309,7 @@ int NativeCollection::LimitLogSize(const std::wstring& folder, std::uint64_t lim
         for (auto& file : ListTree(*root, true).files) files.push_back(Candidate{std::move(file), nullptr});
         const auto planned = state_->plans.FilesBelow(folder, true);
         for (const auto& view : planned) {
-            files.push_back(Candidate{ListedEntry{view.path, view.file->size, view.file->modifiedNs}, view.file});
+            files.push_back(Candidate{ListedEntry{view.Path(), view.file->size, view.file->modifiedNs}, view.file});
         }
         bool ok = true;
         for (std::size_t i = KeepNewest(files, limitBytes); i < files.size(); ++i) {

@@ -8,8 +8,8 @@ namespace zep::collect {
 Listing ListTree(platform::Folder& folder, bool recursive) {
     Listing listing;
     const auto add = [](std::vector<ListedEntry>& to) {
-        return [&to](const std::wstring& relative, const platform::EntryInfo& entry) {
-            to.push_back(ListedEntry{platform::PathComponents(relative), entry.size, entry.modifiedNs});
+        return [&to](const std::vector<std::wstring>& names, const platform::EntryInfo& entry) {
+            to.push_back(ListedEntry{names, entry.size, entry.modifiedNs});
         };
     };
     platform::VisitTree(folder, recursive, add(listing.folders), add(listing.files));

@@ -86,28 +86,32 @@ void StagingPlans::Put(std::shared_ptr<StagingPlan> plan) {
     plans_.push_back(std::move(plan));
 }
 
+std::vector<std::wstring> PlannedView::Path() const {
+    std::vector<std::wstring> path(*above);
+    path.insert(path.end(), file->path.begin() + static_cast<std::ptrdiff_t>(skip), file->path.end());
+    return path;
+}
+
 std::vector<PlannedView> StagingPlans::FilesBelow(const std::wstring& folder, bool recursive) {
     std::lock_guard<std::mutex> lock(mutex_);
     std::vector<PlannedView> views;
+    const auto none = std::make_shared<const std::vector<std::wstring>>();
     for (const auto& plan : plans_) {
         // The destination below the folder, or the folder below the destination.
         const auto destinationBelow = NamesBelow(plan->destination, folder);
         const auto folderBelow = destinationBelow ? std::nullopt : NamesBelow(folder, plan->destination);
         if (!destinationBelow && !folderBelow) continue;
+        const auto above =
+            destinationBelow ? std::make_shared<const std::vector<std::wstring>>(*destinationBelow) : none;
+        const std::size_t skip = destinationBelow ? 0 : folderBelow->size();
         for (auto& file : plan->files) {
             if (file.dropped) continue;
-            std::vector<std::wstring> path;
-            if (destinationBelow) {
-                path = *destinationBelow;
-                path.insert(path.end(), file.path.begin(), file.path.end());
-            } else if (file.path.size() > folderBelow->size() &&
-                       std::equal(folderBelow->begin(), folderBelow->end(), file.path.begin())) {
-                path.assign(file.path.begin() + static_cast<std::ptrdiff_t>(folderBelow->size()), file.path.end());
-            } else {
+            if (folderBelow && !(file.path.size() > skip &&
+                                 std::equal(folderBelow->begin(), folderBelow->end(), file.path.begin()))) {
                 continue;
             }
-            if (!recursive && path.size() != 1) continue;
-            views.push_back(PlannedView{plan, &file, std::move(path)});
+            if (!recursive && above->size() + file.path.size() - skip != 1) continue;
+            views.push_back(PlannedView{plan, &file, above, skip});
         }
     }
     return views;

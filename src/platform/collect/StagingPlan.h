@@ -34,11 +34,16 @@ struct StagingPlan {
 // paths; nullopt when `path` is not `base` or below it.
 std::optional<std::vector<std::wstring>> NamesBelow(const std::wstring& path, const std::wstring& base);
 
-// A planned file as seen from a folder: its names below that folder.
+// A planned file as seen from a folder. Its names below that folder are
+// `above` and then those of `file->path` after the first `skip`: the views
+// of one plan share them rather than each holding a copy.
 struct PlannedView {
     std::shared_ptr<StagingPlan> plan;  // holds `file`
     PlannedFile* file;
-    std::vector<std::wstring> path;
+    std::shared_ptr<const std::vector<std::wstring>> above;
+    std::size_t skip = 0;
+
+    std::vector<std::wstring> Path() const;
 };
 
 // The plans of one collection, by destination.

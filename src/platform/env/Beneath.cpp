@@ -86,56 +86,72 @@ std::unique_ptr<Folder> Walk(std::unique_ptr<Folder> folder, const std::vector<s
 // Depth-first over a tree of open folders, entries in name order. Only the
 // folders on the current path are open, at most kMaxDepth of them. Each
 // folder carries a context of the caller's (for a copy: where it goes);
-// `onFolder` makes a child's context or declines to descend (nullopt). The
-// walk ends early once `*stop` is set.
+// `onFolder` makes a child's context or declines to descend (nullopt). Both
+// are handed the entry's names below `top`, its own name last. Without
+// `details` the entries carry their names and kinds only. The walk ends
+// early once `*stop` is set.
 template <typename Context, typename OnFolder, typename OnFile>
-bool WalkTree(Folder& top, Context topContext, OnFolder&& onFolder, OnFile&& onFile, const bool* stop = nullptr) {
+bool WalkTree(Folder& top, Context topContext, bool details, OnFolder&& onFolder, OnFile&& onFile,
+              const bool* stop = nullptr) {
     struct Frame {
         std::unique_ptr<Folder> owned;
         Folder* folder;
         Context context;
-        std::wstring relative;
         std::vector<EntryInfo> entries;
         std::size_t next = 0;
     };
     bool ok = true;
     std::vector<Frame> stack;
-    const auto enter = [&](std::unique_ptr<Folder> owned, Folder* folder, Context context, std::wstring relative) {
-        Frame frame{std::move(owned), folder, std::move(context), std::move(relative), {}, 0};
-        if (!folder->List(frame.entries)) ok = false;
+    std::vector<std::wstring> names;  // of the entry being visited; its folders' while in it
+    const auto enter = [&](std::unique_ptr<Folder> owned, Folder* folder, Context context) {
+        Frame frame{std::move(owned), folder, std::move(context), {}, 0};
+        if (!(details ? folder->List(frame.entries) : folder->ListKinds(frame.entries))) ok = false;
         std::sort(frame.entries.begin(), frame.entries.end(),
                   [](const EntryInfo& a, const EntryInfo& b) { return a.name < b.name; });
         stack.push_back(std::move(frame));
     };
-    enter(nullptr, &top, std::move(topContext), std::wstring());
+    enter(nullptr, &top, std::move(topContext));
     while (!stack.empty() && !(stop != nullptr && *stop)) {
         Frame& frame = stack.back();
         if (frame.next == frame.entries.size()) {
             stack.pop_back();
+            if (!stack.empty()) names.pop_back();
             continue;
         }
-        const EntryInfo entry = frame.entries[frame.next++];
-        const std::wstring relative =
-            frame.relative.empty() ? entry.name : frame.relative + path::kSeparator + entry.name;
+        const EntryInfo& entry = frame.entries[frame.next++];
+        names.push_back(entry.name);
+        bool entered = false;
         if (entry.kind == EntryKind::File) {
-            ok = onFile(*frame.folder, frame.context, relative, entry) && ok;
+            ok = onFile(*frame.folder, frame.context, names, entry) && ok;
         } else if (entry.kind == EntryKind::Folder) {
+            std::optional<Context> childContext;
             if (stack.size() >= static_cast<std::size_t>(kMaxDepth)) {
                 ok = false;
-                continue;
+            } else {
+                childContext = onFolder(frame.context, names, entry);
             }
-            std::optional<Context> childContext = onFolder(frame.context, relative, entry);
-            if (!childContext) continue;
-            std::unique_ptr<Folder> child = frame.folder->OpenFolder(entry.name);
-            if (!child) {
-                ok = false;
-                continue;
+            if (childContext) {
+                if (std::unique_ptr<Folder> child = frame.folder->OpenFolder(entry.name)) {
+                    Folder* raw = child.get();
+                    enter(std::move(child), raw, std::move(*childContext));
+                    entered = true;
+                } else {
+                    ok = false;
+                }
             }
-            Folder* raw = child.get();
-            enter(std::move(child), raw, std::move(*childContext), relative);
         }
+        if (!entered) names.pop_back();
     }
     return ok;
+}
+
+std::wstring JoinNames(const std::vector<std::wstring>& names) {
+    std::wstring joined;
+    for (const auto& name : names) {
+        if (!joined.empty()) joined += path::kSeparator;
+        joined += name;
+    }
+    return joined;
 }
 
 // Appends what is left of `file` to `contents`, refusing to go past `limit`
@@ -328,8 +344,8 @@ bool CopyTree(Folder& from, Folder& to) {
     using Destination = std::shared_ptr<Folder>;
     bool ok = true;
     ok = WalkTree(
-             from, Destination(Destination(), &to),
-             [&](const Destination& destination, const std::wstring&, const EntryInfo& entry)
+             from, Destination(Destination(), &to), false,
+             [&](const Destination& destination, const std::vector<std::wstring>&, const EntryInfo& entry)
                  -> std::optional<Destination> {
                  Destination made = destination->CreateFolder(entry.name);
                  if (!made) {
@@ -338,7 +354,8 @@ bool CopyTree(Folder& from, Folder& to) {
                  }
                  return made;
              },
-             [&](Folder& source, const Destination& destination, const std::wstring&, const EntryInfo& entry) {
+             [&](Folder& source, const Destination& destination, const std::vector<std::wstring>&,
+                 const EntryInfo& entry) {
                  auto in = source.OpenFile(entry.name);
                  return in && CopyInto(*in, *destination, entry.name);
              }) &&
@@ -348,20 +365,28 @@ bool CopyTree(Folder& from, Folder& to) {
 
 void VisitFiles(Folder& folder, bool recursive,
                 const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visit) {
-    VisitTree(folder, recursive, [](const std::wstring&, const EntryInfo&) {}, visit);
+    WalkTree(
+        folder, true, false,
+        [&](bool, const std::vector<std::wstring>&, const EntryInfo&) -> std::optional<bool> {
+            return recursive ? std::optional<bool>(true) : std::nullopt;
+        },
+        [&](Folder&, bool, const std::vector<std::wstring>& names, const EntryInfo& entry) {
+            visit(JoinNames(names), entry);
+            return true;
+        });
 }
 
 void VisitTree(Folder& folder, bool recursive,
-               const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visitFolder,
-               const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visitFile) {
+               const std::function<void(const std::vector<std::wstring>& names, const EntryInfo& entry)>& visitFolder,
+               const std::function<void(const std::vector<std::wstring>& names, const EntryInfo& entry)>& visitFile) {
     WalkTree(
-        folder, true,
-        [&](bool, const std::wstring& relative, const EntryInfo& entry) -> std::optional<bool> {
-            visitFolder(relative, entry);
+        folder, true, true,
+        [&](bool, const std::vector<std::wstring>& names, const EntryInfo& entry) -> std::optional<bool> {
+            visitFolder(names, entry);
             return recursive ? std::optional<bool>(true) : std::nullopt;
         },
-        [&](Folder&, bool, const std::wstring& relative, const EntryInfo& entry) {
-            visitFile(relative, entry);
+        [&](Folder&, bool, const std::vector<std::wstring>& names, const EntryInfo& entry) {
+            visitFile(names, entry);
             return true;
         });
 }
@@ -383,8 +408,9 @@ bool IsTemporaryName(std::wstring_view name) {
 bool HoldsAnyFile(Folder& folder) {
     bool found = false;
     WalkTree(
-        folder, true, [](bool, const std::wstring&, const EntryInfo&) -> std::optional<bool> { return true; },
-        [&](Folder&, bool, const std::wstring&, const EntryInfo&) { return found = true; }, &found);
+        folder, true, false,
+        [](bool, const std::vector<std::wstring>&, const EntryInfo&) -> std::optional<bool> { return true; },
+        [&](Folder&, bool, const std::vector<std::wstring>&, const EntryInfo&) { return found = true; }, &found);
     return found;
 }
 

@@ -100,16 +100,18 @@ bool CopyTree(Folder& from, Folder& to);
 
 // Calls `visit` for each regular file below `folder` (recursively when
 // asked) with its path relative to `folder` (joined with the running
-// system's separator) and its entry. Links are not followed; a folder that
-// cannot be read is skipped with what lies below it.
+// system's separator) and its entry, which carries its name and kind only.
+// Links are not followed; a folder that cannot be read is skipped with what
+// lies below it.
 void VisitFiles(Folder& folder, bool recursive,
                 const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visit);
 
-// As VisitFiles, and `visitFolder` for each folder below `folder` before what
+// As VisitFiles, with each entry in full and its names below `folder` (its
+// own last), and `visitFolder` for each folder below `folder` before what
 // lies below it (when recursive; else for each folder directly in it).
 void VisitTree(Folder& folder, bool recursive,
-               const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visitFolder,
-               const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visitFile);
+               const std::function<void(const std::vector<std::wstring>& names, const EntryInfo& entry)>& visitFolder,
+               const std::function<void(const std::vector<std::wstring>& names, const EntryInfo& entry)>& visitFile);
 
 // True when there is a regular file anywhere below `folder`; the walk stops
 // at the first one (links are not followed).

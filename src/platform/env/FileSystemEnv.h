@@ -104,6 +104,11 @@ public:
 
     // The entries, without "." and "..", in no particular order.
     virtual bool List(std::vector<EntryInfo>& entries, FsStatus* status = nullptr) = 0;
+    // As List, but only `name` and `kind` are sure to be filled: a system
+    // that tells an entry's kind while listing needs no look at each entry.
+    virtual bool ListKinds(std::vector<EntryInfo>& entries, FsStatus* status = nullptr) {
+        return List(entries, status);
+    }
     // One entry; nullopt when there is none or it cannot be examined.
     virtual std::optional<EntryInfo> Stat(std::wstring_view name, FsStatus* status = nullptr) = 0;
 
@@ -149,6 +154,8 @@ public:
     explicit FolderWrapper(std::unique_ptr<Folder> target) : target_(std::move(target)) {}
 
     const std::wstring& Path() const override { return target_->Path(); }
+    // ListKinds is left to List, so that a double's List is what every
+    // listing sees.
     bool List(std::vector<EntryInfo>& entries, FsStatus* status = nullptr) override {
         return target_->List(entries, status);
     }

@@ -52,6 +52,15 @@ EntryKind KindOf(mode_t mode) {
     return EntryKind::Other;
 }
 
+EntryKind KindOfListed(unsigned char type) {
+    switch (type) {
+        case DT_REG: return EntryKind::File;
+        case DT_DIR: return EntryKind::Folder;
+        case DT_LNK: return EntryKind::Link;
+        default: return EntryKind::Other;
+    }
+}
+
 EntryInfo InfoOf(std::wstring name, const struct stat& st) {
     EntryInfo info;
     info.name = std::move(name);
@@ -145,31 +154,8 @@ public:
 
     const std::wstring& Path() const override { return path_; }
 
-    bool List(std::vector<EntryInfo>& entries, FsStatus* status) override {
-        entries.clear();
-        // A description of its own, so that two listings never share a position.
-        Fd own(::openat(fd_.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        DIR* dir = own.Valid() ? ::fdopendir(own.Get()) : nullptr;
-        if (dir == nullptr) return Fail(status, FsError::Failed, errno);
-        own.Release();
-        bool ok = true;
-        for (;;) {
-            errno = 0;
-            const dirent* item = ::readdir(dir);
-            if (item == nullptr) {
-                if (errno != 0) ok = Fail(status, FsError::Failed, errno);
-                break;
-            }
-            const std::string_view name(item->d_name);
-            if (name == "." || name == "..") continue;
-            struct stat st {};
-            // Gone since it was listed: not an entry any more.
-            if (::fstatat(::dirfd(dir), item->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-            entries.push_back(InfoOf(text::DecodeFileName(name), st));
-        }
-        ::closedir(dir);
-        return ok;
-    }
+    bool List(std::vector<EntryInfo>& entries, FsStatus* status) override { return Read(entries, true, status); }
+    bool ListKinds(std::vector<EntryInfo>& entries, FsStatus* status) override { return Read(entries, false, status); }
 
     std::optional<EntryInfo> Stat(std::wstring_view name, FsStatus* status) override {
         std::string bytes;
@@ -301,6 +287,41 @@ public:
     }
 
 private:
+    // Lists the folder; with `details` each entry is looked at for its size
+    // and times, otherwise only where the listing does not tell its kind.
+    bool Read(std::vector<EntryInfo>& entries, bool details, FsStatus* status) {
+        entries.clear();
+        // A description of its own, so that two listings never share a position.
+        Fd own(::openat(fd_.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        DIR* dir = own.Valid() ? ::fdopendir(own.Get()) : nullptr;
+        if (dir == nullptr) return Fail(status, FsError::Failed, errno);
+        own.Release();
+        bool ok = true;
+        for (;;) {
+            errno = 0;
+            const dirent* item = ::readdir(dir);
+            if (item == nullptr) {
+                if (errno != 0) ok = Fail(status, FsError::Failed, errno);
+                break;
+            }
+            const std::string_view name(item->d_name);
+            if (name == "." || name == "..") continue;
+            if (!details && item->d_type != DT_UNKNOWN) {
+                EntryInfo info;
+                info.name = text::DecodeFileName(name);
+                info.kind = KindOfListed(item->d_type);
+                entries.push_back(std::move(info));
+                continue;
+            }
+            struct stat st {};
+            // Gone since it was listed: not an entry any more.
+            if (::fstatat(::dirfd(dir), item->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+            entries.push_back(InfoOf(text::DecodeFileName(name), st));
+        }
+        ::closedir(dir);
+        return ok;
+    }
+
     static bool Name(std::wstring_view name, std::string& bytes, FsStatus* status) {
         if (!IsEntryName(name)) return Fail(status, FsError::Invalid);
         bytes = text::EncodeFileName(name);
