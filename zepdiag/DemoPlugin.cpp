@@ -6,13 +6,8 @@
 //
 // writes the plug-in's component result and a log into <folder> and answers
 // on standard output whether the agent should delete them once uploaded.
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
+#include "platform/windows/Win32.h"
+
 #include <shellapi.h>
 
 #include <string>

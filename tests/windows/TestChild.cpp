@@ -11,13 +11,8 @@
 //                                         "status" exits with the number in the file
 //                                         "status", "hang" sleeps 20 s, "answer" writes
 //                                         the file "answer" to standard output
-#ifndef WIN32_LEAN_AND_MEAN
-#define WIN32_LEAN_AND_MEAN
-#endif
-#ifndef NOMINMAX
-#define NOMINMAX
-#endif
-#include <windows.h>
+#include "platform/windows/Win32.h"
+
 #include <shellapi.h>
 
 #include <cstdio>
