@@ -1,14 +1,11 @@
-// The system's folders, the user and the random source, as Windows gives them.
+// The system's folders and the user, as Windows gives them.
 #include "platform/windows/Win32.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdint>
 #include <filesystem>
 #include <string>
 
-#include "platform/windows/WindowsClock.h"
 #include "platform/windows/WindowsSystem.h"
 #include "support/Links.h"
 
@@ -47,17 +44,6 @@ TEST(WindowsSystemTest, TheUserIsAnAccountSidAndTheAgentsRootExistsOrIsAbsent) {
     } else {
         EXPECT_EQ(system.AppDataRoot(), root.native());
     }
-}
-
-TEST(WindowsRandomTest, FillsEveryByteDifferentlyEachTime) {
-    WindowsRandom random;
-    std::array<std::uint8_t, 4096> first{}, second{};
-    random.Fill(first.data(), first.size());
-    random.Fill(second.data(), second.size());
-    EXPECT_NE(first, second);
-    int zeros = 0;
-    for (const auto byte : first) zeros += byte == 0 ? 1 : 0;
-    EXPECT_LT(zeros, 64) << "4096 random bytes hold about 16 zeros";
 }
 
 }  // namespace
