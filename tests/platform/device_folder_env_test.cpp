@@ -72,12 +72,10 @@ protected:
     }
     int Upload() { return env.storage->UploadDiagResult(path::NarrowPath(zip), false, "{}", ""); }
 
-    // What the plug-in's program does when it is run.
     enum class Behaviour { Nothing, ExitWithStatusFile, Hang, PrintAnswerFile };
 
-    // plugins/demo with its manifest and a program that does `behaviour`
-    // (a shell script run.sh; on Windows, where the manifest's "run.sh"
-    // names the tests' child program, a file telling that program what to do).
+    // plugins/demo with its manifest and a program that does `behaviour` (on
+    // Windows the tests' child program, told what to do by a file).
     fs::path Plugin(std::string manifest, Behaviour behaviour = Behaviour::Nothing) {
         const fs::path folder = dir / "plugins" / "demo";
 #ifdef _WIN32
@@ -122,9 +120,8 @@ TEST_F(DeviceFolderTest, MissingOrMalformedDeviceJsonGivesAnAbsentDevice) {
 }
 
 #ifndef _WIN32
-// Every document of the folder goes through one reader: a FIFO in a
-// document's place is refused at once (it would otherwise hang every scan for
-// good), and one larger than its limit is not read at all.
+// A FIFO in a document's place would hang every scan for good; an oversized
+// document is not read at all.
 TEST_F(DeviceFolderTest, FifosAndOversizedDocumentsReadAsAbsent) {
     WriteText(dir / "platform-policy.json", R"({"api_baseuri": "https://a"})");
     ASSERT_EQ(env.policy->GetPlatformPolicy().api_baseuri(), L"https://a");
@@ -295,8 +292,7 @@ TEST_F(DeviceFolderTest, ResolvesRunningInstancesOfAValidPluginFolderOnly) {
         Plugin(manifest);
         EXPECT_FALSE(resolve(L"demo")) << manifest;
     }
-    // A target names a folder below plugins/, never a path.
-    Plugin(kDemoManifest);
+    Plugin(kDemoManifest);  // a target names a folder below plugins/, never a path
     for (const char* folder : {"outside", "plugins/demo/nested", "plugins"}) {
         WriteText(dir / folder / "plugin.json", kDemoManifest);
     }
@@ -327,33 +323,21 @@ TEST_F(DeviceFolderTest, SendOutcomeFollowsExitStatusAndTimeOut) {
     EXPECT_FALSE(result.delivered || result.isSuccess || result.timeout);
 }
 
-TEST_F(DeviceFolderTest, DeletePreferenceIsTheLastAnswerOnStandardOutput) {
+// The answer is the last one on standard output, of which only the last MiB
+// is kept: a fragment left at the cut must not pass for an answer.
+TEST_F(DeviceFolderTest, DeletePreferenceIsTheLastAnswerInTheLastMebibyteOfOutput) {
     const fs::path folder = Plugin(kDemoManifest, Behaviour::PrintAnswerFile);
-    const std::pair<const char*, bool> cases[] = {
+    const std::pair<std::string, bool> cases[] = {
         {"{\n\t\"deleteFilesOnUpload\" : true\n}\n", true},
         {"collecting...\n{\"deleteFilesOnUpload\": true}\n", true},
         {"{\"deleteFilesOnUpload\": true}\n{\"deleteFilesOnUpload\": false}\n", false},
         {R"({"deleteFilesOnUpload": "true"})", false},
-    };
-    for (const auto& [output, expected] : cases) {
-        WriteText(folder / "answer", output);
-        EXPECT_EQ(Send().deleteFilesOnUpload, expected) << output;
-    }
-}
-
-// Output is kept to its last MiB, whose first line may be a fragment: the
-// answer at the end still counts, and the cut is logged.
-TEST_F(DeviceFolderTest, OnlyTheLastMebibyteOfOutputIsReadAndTheCutIsLogged) {
-    const fs::path folder = Plugin(kDemoManifest, Behaviour::PrintAnswerFile);
-    const std::string answer = "{\"deleteFilesOnUpload\": true}\n";
-    const std::pair<std::string, bool> cases[] = {
-        {std::string(3 << 20, '.') + "\n" + answer, true},
-        // Cut inside a nested answer: the fragment left must not pass for one.
+        {std::string(3 << 20, '.') + "\n{\"deleteFilesOnUpload\": true}\n", true},
         {std::string((1 << 20) - 10, '.') + R"({"x":{"deleteFilesOnUpload":true}})" + "\n", false},
     };
     for (const auto& [output, expected] : cases) {
         WriteText(folder / "answer", output);
-        EXPECT_EQ(Send().deleteFilesOnUpload, expected);
+        EXPECT_EQ(Send().deleteFilesOnUpload, expected) << output.substr(output.size() > 80 ? output.size() - 80 : 0);
     }
     EXPECT_EQ(platform.log->Count("wrote more than 1048576 bytes to its standard output"), 2u);
 }

@@ -1,7 +1,6 @@
 #include "platform/collect/NativeCollection.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,6 +37,8 @@ using namespace std::chrono_literals;
 using zep::testing::ReadText;
 using zep::testing::Utf16Le;
 using zep::testing::WriteText;
+using zep::testing::ZipEntries;
+using zep::testing::ZipRead;
 
 constexpr std::uint64_t kMiB = 1024 * 1024;
 
@@ -87,25 +88,30 @@ protected:
     collect::NativeCollection collection{ShellPackageScript()};
 };
 
-// The copy is planned, not made: the archive of the staging folder holds
-// the logs, read from where they are.
-TEST_F(NativeCollectionTest, CopyLogsTakesTheNewestFiftyMebibytesButNoArchivesLinksOrFifos) {
+// The copy is planned, not made: the archive holds the logs read from where
+// they are, beside the staging folder's own files; links and FIFOs in either
+// place stay out, and an existing archive is never replaced.
+TEST_F(NativeCollectionTest, CopyLogsPlansTheNewestFiftyMebibytesAndThePackerSkipsArchivesLinksAndFifos) {
     Make(source / "current.log", 30 * kMiB, 10s);
     Make(source / "sub" / "rotated.log", 20 * kMiB, 20s);  // fills the 50 MiB exactly
     Make(source / "oldest.log", 1, 30s);
     Make(source / "sub" / "newest.ZIP", 100, 1s);
     fs::create_directories(source / "empty");
-
     WithTraps(source, [&] { EXPECT_EQ(collection.CopyLogs(W(source), W(destination), 52428800), 1); });
     EXPECT_EQ(Tree(destination), std::set<std::string>{}) << "nothing copied yet";
 
     const fs::path staging = destination.parent_path().parent_path();
+    WriteText(staging / "scan-result.json", "{}");
     const fs::path zip = platform.rootPath / "staging.zip";
-    ASSERT_EQ(collection.CompressFolder(W(staging), W(zip)), 1);
-    EXPECT_EQ(zep::testing::ZipEntries(zip),
-              (std::set<std::string>{"zep/", "zep/Log/", "zep/Log/current.log", "zep/Log/empty/", "zep/Log/sub/",
-                                     "zep/Log/sub/rotated.log"}));
-    EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/sub/rotated.log"), std::string(20 * kMiB, '\0'));
+    WriteText(zip, "earlier");
+    EXPECT_EQ(collection.CompressFolder(W(staging), W(zip)), 0);
+    EXPECT_EQ(ReadText(zip), "earlier");
+    fs::remove(zip);
+    WithTraps(staging, [&] { ASSERT_EQ(collection.CompressFolder(W(staging), W(zip)), 1); });
+    EXPECT_EQ(ZipEntries(zip), (std::set<std::string>{"scan-result.json", "zep/", "zep/Log/", "zep/Log/current.log",
+                                                      "zep/Log/empty/", "zep/Log/sub/", "zep/Log/sub/rotated.log"}));
+    EXPECT_EQ(ZipRead(zip, "scan-result.json"), "{}");
+    EXPECT_EQ(ZipRead(zip, "zep/Log/sub/rotated.log"), std::string(20 * kMiB, '\0'));
 }
 
 TEST_F(NativeCollectionTest, LimitLogSizeDropsTheFileThatCrossesAndEveryOlderOneButNoLinkTarget) {
@@ -141,38 +147,14 @@ TEST_F(NativeCollectionTest, ExportRegistryWritesTheKeyAndSubKeysAsTheRegistryEd
     platform.registry->SetDword(Hive::LocalMachine, L"SOFTWARE\\Quorin\\ZEP", L"Interval", 60);
     platform.registry->SetString(Hive::LocalMachine, L"SOFTWARE\\Quorin\\ZEP\\DeviceSupport", L"Mode", L"auto");
     platform.registry->SetDword(Hive::LocalMachine, L"SOFTWARE\\Quorin\\Other", L"Left", 1);
-    const fs::path file = platform.rootPath / "zep.reg";
-
-    ASSERT_EQ(collection.ExportRegistry(L"SOFTWARE\\Quorin\\ZEP", W(file)), 1);
-
-    const std::string bytes = ReadText(file);
-    EXPECT_EQ(bytes.substr(0, 2), "\xFF\xFE");
-    EXPECT_EQ(DecodeRegFile(bytes),
-              L"Windows Registry Editor Version 5.00\r\n\r\n"
-              L"[HKEY_LOCAL_MACHINE\\SOFTWARE\\Quorin\\ZEP]\r\n\"Interval\"=dword:0000003c\r\n\r\n"
-              L"[HKEY_LOCAL_MACHINE\\SOFTWARE\\Quorin\\ZEP\\DeviceSupport]\r\n\"Mode\"=\"auto\"\r\n\r\n");
+    ASSERT_EQ(collection.ExportRegistry(L"SOFTWARE\\Quorin\\ZEP", W(platform.rootPath / "zep.reg")), 1);
+    EXPECT_EQ(ReadText(platform.rootPath / "zep.reg"),
+              Utf16Le("Windows Registry Editor Version 5.00\r\n\r\n"
+                      "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Quorin\\ZEP]\r\n\"Interval\"=dword:0000003c\r\n\r\n"
+                      "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Quorin\\ZEP\\DeviceSupport]\r\n\"Mode\"=\"auto\"\r\n\r\n"));
 }
 
-TEST_F(NativeCollectionTest, CompressFolderPacksRelativeNamesWithoutLinksAndNeverReplacesATarget) {
-    const fs::path staging = platform.rootPath / "latest" / "LD_scan";
-    WriteText(staging / "scan-result.json", "{}");
-    WriteText(staging / "zep" / "context" / "zepVersion.txt", "4.12");
-    const fs::path zip = platform.rootPath / "latest" / "LD_scan.zip";
-    WriteText(zip, "earlier");
-    EXPECT_EQ(collection.CompressFolder(W(staging), W(zip)), 0);
-    EXPECT_EQ(ReadText(zip), "earlier");
-    fs::remove(zip);
-
-    WithTraps(staging, [&] { EXPECT_EQ(collection.CompressFolder(W(staging), W(zip)), 1); });
-
-    EXPECT_EQ(zep::testing::ZipEntries(zip),
-              (std::set<std::string>{"scan-result.json", "zep/", "zep/context/", "zep/context/zepVersion.txt"}));
-    EXPECT_EQ(zep::testing::ZipRead(zip, "scan-result.json"), "{}");
-    EXPECT_EQ(zep::testing::ZipRead(zip, "zep/context/zepVersion.txt"), "4.12");
-}
-
-// A file that counts its reads into `reads` (when given) and fails those
-// past `room` bytes, as a disk that breaks midway.
+// Counts its reads into `reads` (when given) and fails past `room` bytes.
 class WatchedInput : public zep::testing::InputFileWrapper {
 public:
     WatchedInput(std::unique_ptr<InputFile> file, std::atomic<int>* reads, std::size_t room)
@@ -197,9 +179,7 @@ bool EndsWith(const std::wstring& name, const std::wstring& tail) {
     return name.size() >= tail.size() && name.compare(name.size() - tail.size(), tail.size(), tail) == 0;
 }
 
-// The agent's logs as the scan collects them: planned, thinned, scrubbed and
-// packed; or, when the archive cannot be written, copied into the staging
-// folder as they would have been.
+// The agent's logs as the scan collects them: planned, thinned, scrubbed, packed.
 class CollectedLogsTest : public NativeCollectionTest {
 protected:
     void SetUp() override {
@@ -212,10 +192,7 @@ protected:
         for (const char* name : {"stale.zip", "agent.log", "service.log", "sub/nested.log", "old.log"}) {
             fs::last_write_time(source / name, now - std::chrono::minutes(++age));
         }
-        // `onOpen` may change a file just before it is opened; archives count
-        // their reads; a file named in `failAfter` fails its reads past that
-        // many bytes; temporary archives (".part") take at most `archiveRoom`
-        // bytes, as on a full disk.
+        // Hooks: onOpen, archives' reads counted, failAfter, a full disk for ".part".
         auto files = std::make_shared<zep::testing::HookedFiles>(platform.env.files);
         files->beforeOpen = [this](const std::wstring& name) { onOpen(name); };
         files->input = [this](const std::wstring& name, std::unique_ptr<InputFile> file) -> std::unique_ptr<InputFile> {
@@ -249,21 +226,32 @@ protected:
     const fs::path zip = platform.rootPath / "staging.zip";
 };
 
-TEST_F(CollectedLogsTest, TheArchiveHoldsWhatTheStepsLeftReadFromWhereTheLogsAre) {
+// The upload takes the hash made while the archive was written instead of
+// reading it again; an archive changed since is read.
+TEST_F(CollectedLogsTest, TheArchiveHoldsWhatTheStepsLeftAndItsHashNeedsNoSecondRead) {
     Collect();
     ASSERT_EQ(collection.CompressFolder(W(staging), W(zip)), 1);
+    EXPECT_EQ(utility::GetFileHash(W(zip), L"SHA-256"), text::FromUtf8(crypto::Sha256Hex(ReadText(zip))));
+    EXPECT_EQ(archiveReads.load(), 0);
 
-    EXPECT_EQ(zep::testing::ZipEntries(zip),
+    EXPECT_EQ(ZipEntries(zip),
               (std::set<std::string>{"zep/", "zep/Log/", "zep/Log/agent.log", "zep/Log/service.log", "zep/Log/sub/",
                                      "zep/Log/sub/nested.log"}));
-    EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/agent.log"), kAgentScrubbed);
-    EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/service.log"), Utf16Le("a=\"[REDACTED_IP]\""));
-    EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/sub/nested.log"), "peer=\"10.1.2.3\"\n");
+    EXPECT_EQ(ZipRead(zip, "zep/Log/agent.log"), kAgentScrubbed);
+    EXPECT_EQ(ZipRead(zip, "zep/Log/service.log"), Utf16Le("a=\"[REDACTED_IP]\""));
+    EXPECT_EQ(ZipRead(zip, "zep/Log/sub/nested.log"), "peer=\"10.1.2.3\"\n");
     EXPECT_EQ(ReadText(source / "agent.log"), kAgent) << "the agent's own log is left as it is";
     EXPECT_EQ(Tree(staging), (std::set<std::string>{"zep/", "zep/Log/"})) << "no copy, no temporary file";
     EXPECT_EQ(Tree(platform.rootPath / "programdata"), (std::set<std::string>{"Log/", "Log/agent.log", "Log/old.log",
                                                                                "Log/service.log", "Log/stale.zip",
                                                                                "Log/sub/", "Log/sub/nested.log"}));
+
+    std::string changed = ReadText(zip);
+    changed.back() ^= 1;  // the same size, rewritten
+    fs::remove(zip);
+    WriteText(zip, changed);
+    EXPECT_EQ(utility::GetFileHash(W(zip), L"SHA-256"), text::FromUtf8(crypto::Sha256Hex(changed)));
+    EXPECT_GT(archiveReads.load(), 0);
 }
 
 TEST_F(CollectedLogsTest, AnArchiveThatCannotBeWrittenLeavesTheStagingFolderAsACopyWouldHave) {
@@ -284,26 +272,7 @@ TEST_F(CollectedLogsTest, AnArchiveThatCannotBeWrittenLeavesTheStagingFolderAsAC
     // Packed later (by hand, or the next attempt), the staged copies are what goes in.
     archiveRoom = SIZE_MAX;
     ASSERT_EQ(collection.CompressFolder(W(staging), W(zip)), 1);
-    EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/agent.log"), kAgentScrubbed);
-}
-
-// The upload hashes the archive the packer just wrote: the hash made while
-// it was written is handed over, and the archive is not read again; an
-// archive changed since is read.
-TEST_F(CollectedLogsTest, TheUploadTakesTheArchivesHashWithoutReadingItAgain) {
-    Collect();
-    ASSERT_EQ(collection.CompressFolder(W(staging), W(zip)), 1);
-    const std::wstring expected = text::FromUtf8(crypto::Sha256Hex(ReadText(zip)));
-
-    EXPECT_EQ(utility::GetFileHash(W(zip), L"SHA-256"), expected);
-    EXPECT_EQ(archiveReads.load(), 0);
-
-    std::string changed = ReadText(zip);
-    changed.back() ^= 1;  // the same size, rewritten
-    fs::remove(zip);
-    WriteText(zip, changed);
-    EXPECT_EQ(utility::GetFileHash(W(zip), L"SHA-256"), text::FromUtf8(crypto::Sha256Hex(changed)));
-    EXPECT_GT(archiveReads.load(), 0);
+    EXPECT_EQ(ZipRead(zip, "zep/Log/agent.log"), kAgentScrubbed);
 }
 
 // Files change while they are packed: the archive stays whole and holds
@@ -322,17 +291,16 @@ TEST_F(CollectedLogsTest, FilesThatChangeOrVanishWhilePackedLeaveAWholeArchive) 
     };
 
     ASSERT_EQ(collection.CompressFolder(W(staging), W(zip)), 1);
-    EXPECT_EQ(zep::testing::ZipEntries(zip),
+    EXPECT_EQ(ZipEntries(zip),
               (std::set<std::string>{"broken.log", "grows.log", "shrinks.log"}));
-    EXPECT_EQ(zep::testing::ZipRead(zip, "grows.log"), "as listed\n");
-    EXPECT_EQ(zep::testing::ZipRead(zip, "shrinks.log"), std::string(10, 's'));
-    EXPECT_EQ(zep::testing::ZipRead(zip, "broken.log"), big.substr(0, 1536 * 1024));
+    EXPECT_EQ(ZipRead(zip, "grows.log"), "as listed\n");
+    EXPECT_EQ(ZipRead(zip, "shrinks.log"), std::string(10, 's'));
+    EXPECT_EQ(ZipRead(zip, "broken.log"), big.substr(0, 1536 * 1024));
     EXPECT_EQ(zep::testing::RunToEnd({"unzip", "-tq", zip.string()}, platform.rootPath / "unzip.out"), 0);
 }
 
-// Large logs are deflated in pieces on several threads and small ones
-// together, read (and scrubbed) by the thread that deflates them; the pieces join into one stream per file, the scrub runs across
-// piece boundaries, and the CRCs combine.
+// Large logs are deflated in pieces on several threads, small ones in batches:
+// the scrub runs across piece boundaries and the CRCs combine.
 TEST_F(CollectedLogsTest, PiecesOfLargeLogsAndBatchesOfSmallOnesJoinIntoTheSameContent) {
     std::string large;
     for (int i = 0; large.size() < 3 * kMiB; ++i) {
@@ -350,11 +318,11 @@ TEST_F(CollectedLogsTest, PiecesOfLargeLogsAndBatchesOfSmallOnesJoinIntoTheSameC
         EXPECT_EQ(pieces.ScrubLogs(W(destination)), 1);
         ASSERT_EQ(pieces.CompressFolder(W(staging), W(zip)), 1);
 
-        EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/large.log"), collect::ScrubText(large));
-        EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/sub/large.log"), large);
-        EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/small/299.log"), "299\n");
-        EXPECT_EQ(zep::testing::ZipRead(zip, "zep/Log/small.log"), "peer=\"[REDACTED_IP]\"\n");
-        EXPECT_EQ(zep::testing::ZipEntries(zip).size(), 300u + 11u);
+        EXPECT_EQ(ZipRead(zip, "zep/Log/large.log"), collect::ScrubText(large));
+        EXPECT_EQ(ZipRead(zip, "zep/Log/sub/large.log"), large);
+        EXPECT_EQ(ZipRead(zip, "zep/Log/small/299.log"), "299\n");
+        EXPECT_EQ(ZipRead(zip, "zep/Log/small.log"), "peer=\"[REDACTED_IP]\"\n");
+        EXPECT_EQ(ZipEntries(zip).size(), 300u + 11u);
         EXPECT_EQ(zep::testing::RunToEnd({"unzip", "-tq", zip.string()}, platform.rootPath / "unzip.out"), 0);
     }
 }
