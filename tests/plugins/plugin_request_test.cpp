@@ -1,5 +1,6 @@
 // Asking a plug-in for its diagnostics: every outcome of one elevation's request with and
-// without its delete preference, several elevations, unsafe targets, and packing its zip.
+// without its delete preference, several elevations, unsafe targets, and packing its zip;
+// then uploading the zip: who may and with which token, and the uploads queued while offline.
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
@@ -8,7 +9,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <type_traits>
 #include <tuple>
 
 #include <gtest/gtest.h>
@@ -17,8 +17,10 @@
 #include "DiagnosticScanner/PluginDiagnosticsProcessor.h"
 #include "support/PluginProcessorPeer.h"
 #include "platform/util/Paths.h"
+#include "platform/util/Strings.h"
 #include "support/Links.h"
 #include "support/ManagerFixture.h"
+#include "support/TokenVectors.h"
 #include "support/ZipReader.h"
 
 namespace {
@@ -56,7 +58,20 @@ std::string Line(const char* statuses, const char* time = "10:15:30") {
     return std::string("2026-11-21T") + time + "Z,Mqtt," + statuses + ",0,\"\"" + zep::testing::kHistoryLineEnd;
 }
 
-class PluginRequestTest : public ManagerTest {
+class PluginTest : public ManagerTest {
+protected:
+    fs::path AgentPluginData() const { return platform.rootPath / "programdata" / "plugin-data"; }
+    fs::path LocalAppData() const { return platform.rootPath / "users" / "alice" / "AppData" / "Local"; }
+    fs::path UserPluginData() const { return LocalAppData() / "Quorin" / "Zep" / "plugin-data"; }
+    void LogInUser() {
+        platform.system->loggedInUserSid = L"S-1-5-21-1";
+        platform.registry->SetString(zep::platform::Hive::Users,
+                                     L"S-1-5-21-1\\Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\Shell Folders",
+                                     L"Local AppData", FromFs(LocalAppData()));
+    }
+};
+
+class PluginRequestTest : public PluginTest {
 protected:
     PluginRequestTest() {
         peer->triggerType() = 2;
@@ -75,9 +90,7 @@ protected:
     void Request(const std::wstring& target = L"pluginx") {
         Processor::GeneratePluginDiagnosticsForMqttTarget(*manager, target);
     }
-    fs::path ElevatedFolder() const {
-        return platform.rootPath / "programdata" / "plugin-data" / "com.quorin.pluginx" / "diagnostics";
-    }
+    fs::path ElevatedFolder() const { return AgentPluginData() / "com.quorin.pluginx" / "diagnostics"; }
     fs::path ZipFile() const { return ElevatedFolder() / "latest" / kZipName; }
     std::shared_ptr<SmallDisk> InstallSmallDisk() {
         auto disk = std::make_shared<SmallDisk>(zep::platform::DefaultEnv().files);
@@ -91,16 +104,7 @@ protected:
         if (zipped) { EXPECT_EQ(zipPath, FromFs(ZipFile())); }
         return zipped;
     }
-    fs::path LocalAppData() const { return platform.rootPath / "users" / "alice" / "AppData" / "Local"; }
-    fs::path UserFolder() const {
-        return LocalAppData() / "Quorin" / "Zep" / "plugin-data" / "com.quorin.pluginx" / "diagnostics";
-    }
-    void LogInUser() {
-        platform.system->loggedInUserSid = L"S-1-5-21-1";
-        platform.registry->SetString(zep::platform::Hive::Users,
-                                     L"S-1-5-21-1\\Software\\Microsoft\\Windows\\CurrentVersion\\Explorer\\Shell Folders",
-                                     L"Local AppData", FromFs(LocalAppData()));
-    }
+    fs::path UserFolder() const { return UserPluginData() / "com.quorin.pluginx" / "diagnostics"; }
 
     std::string pluginResult =
         R"({"componentId":"vendor-id","friendlyName":"Plugin X","executionTimeSeconds":"1.500","resultType":"Complete",)"
@@ -397,30 +401,144 @@ TEST_F(PluginRequestTest, TheWindowsZipRunsThisLineAndNeedsAGoodRunAndANewZip) {
     }
 }
 
-// The exported class offers its two entry points and nothing else: the rest
-// is the module's own and may change with it.
-#define ZEP_PUBLIC_MEMBER_TRAIT(name)                                                                      \
-    template <typename T, typename = void>                                                                 \
-    struct Public##name : std::false_type {};                                                              \
-    template <typename T>                                                                                  \
-    struct Public##name<T, std::void_t<decltype(&T::name)>> : std::true_type {};
-ZEP_PUBLIC_MEMBER_TRAIT(GeneratePluginDiagnosticsForMqttTarget)
-ZEP_PUBLIC_MEMBER_TRAIT(ProcessDeferredPluginUploads)
-ZEP_PUBLIC_MEMBER_TRAIT(ResolvePluginDiagFolder)
-ZEP_PUBLIC_MEMBER_TRAIT(CreatePluginZip)
-ZEP_PUBLIC_MEMBER_TRAIT(UploadPluginDiagnosticsResult)
-ZEP_PUBLIC_MEMBER_TRAIT(WritePluginScanHistoryEntry)
-ZEP_PUBLIC_MEMBER_TRAIT(ProcessDeferredPluginUpload)
-#undef ZEP_PUBLIC_MEMBER_TRAIT
+const std::string kEarlierLine = std::string("2026-11-20T08:00:00Z,Mqtt,2,0,0,\"\"") + zep::testing::kHistoryLineEnd;
 
-TEST(PluginDiagnosticsProcessorTest, ExposesOnlyItsTwoEntryPoints) {
-    EXPECT_TRUE(PublicGeneratePluginDiagnosticsForMqttTarget<PluginDiagnosticsProcessor>::value);
-    EXPECT_TRUE(PublicProcessDeferredPluginUploads<PluginDiagnosticsProcessor>::value);
-    EXPECT_FALSE(PublicResolvePluginDiagFolder<PluginDiagnosticsProcessor>::value);
-    EXPECT_FALSE(PublicCreatePluginZip<PluginDiagnosticsProcessor>::value);
-    EXPECT_FALSE(PublicUploadPluginDiagnosticsResult<PluginDiagnosticsProcessor>::value);
-    EXPECT_FALSE(PublicWritePluginScanHistoryEntry<PluginDiagnosticsProcessor>::value);
-    EXPECT_FALSE(PublicProcessDeferredPluginUpload<PluginDiagnosticsProcessor>::value);
+// A queued request finished at 09:00.
+std::string Queued(const char* statuses) { return Line(statuses, "09:00:00"); }
+
+class DeferredUploadTest : public PluginTest {
+protected:
+    // A plug-in folder as a request leaves it, its history ending with `statuses`.
+    fs::path Queue(const fs::path& pluginFolder, const char* statuses = "2,0") {
+        const fs::path diag = pluginFolder / "diagnostics";
+        WriteText(diag / "scan-history.log", kEarlierLine + Queued(statuses));
+        WriteText(diag / "component-result.json", R"({"componentId":"acme"})");
+        WriteText(diag / "context" / "info.txt", "x");
+        WriteText(diag / "Log" / "plugin.log", "x");
+        WriteText(diag / "latest" / "scan-result.json", R"({"id":"scan1"})");
+        WriteText(ZipOf(diag), "PK\x03\x04");
+        return diag;
+    }
+    static fs::path ZipOf(const fs::path& diag) {
+        const std::string plugin = diag.parent_path().filename().string();
+        return diag / "latest" / ("0f4c2d1e-aaaa-bbbb-cccc-000000000001_" + plugin + ".zip");
+    }
+    // How many of the four artifacts a deletion removes are still there.
+    static int Remaining(const fs::path& diag) {
+        return fs::exists(diag / "component-result.json") + fs::exists(diag / "context") + fs::exists(diag / "Log") +
+               fs::exists(ZipOf(diag));
+    }
+    bool Process(const fs::path& diag) {
+        return Peer::ProcessDeferredPluginUpload(*manager, FromFs(diag));
+    }
+};
+
+TEST_F(DeferredUploadTest, OnlyAVerifiedBackupTokenIsSentAndWithoutIntentNothingIsSent) {
+    platform.policy->platformPolicy.set_jws_pubkey({zep::text::FromUtf8(zep::testing::vectors::kTrustedRsaKey)});
+    const std::string good = zep::testing::vectors::kProvisionToken;
+    const std::string forged = zep::testing::vectors::kProvisionTokenByUnknownKey;
+    const fs::path zip = ZipOf(Queue(AgentPluginData() / "acme"));
+    const fs::path backup = platform.rootPath / "programdata" / "zep-provision-backup.json";
+    const struct {
+        bool registered, intent;
+        std::string token;  // in the backup; empty: no backup
+        int result;
+        std::string sentToken;
+    } cases[] = {
+        {true, true, good, 503, ""},  // the agent's result comes back unchanged
+        {false, false, good, FileStorageAgent::Success, good},
+        {false, true, "", FileStorageAgent::Success, ""},
+        {false, true, forged, FileStorageAgent::Success, ""},
+        {false, false, forged, FileStorageAgent::LocalRefusal, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::to_string(c.registered) + std::to_string(c.intent) + c.token.substr(c.token.size() / 2));
+        platform.device->registered = c.registered;
+        platform.device->commercialIntent = c.intent;
+        fs::remove(backup);
+        if (!c.token.empty()) WriteText(backup, R"({"provision_token":")" + c.token + R"("})");
+        const bool sent = c.result != FileStorageAgent::LocalRefusal;
+        if (sent) platform.storage->results.push_back(c.result);
+        const std::size_t before = platform.storage->Uploads().size();
+
+        EXPECT_EQ(static_cast<int>(Peer::UploadPluginDiagnosticsResult(*manager, FromFs(zip))),
+                  c.result);
+
+        const auto uploads = platform.storage->Uploads();
+        ASSERT_EQ(uploads.size(), before + (sent ? 1 : 0));
+        if (!sent) continue;
+        EXPECT_EQ(uploads.back().filePath, zip.string());
+        EXPECT_EQ(uploads.back().unregisteredDevice, !c.registered);
+        EXPECT_EQ(uploads.back().provisionToken, c.sentToken);
+    }
+    for (const auto& line : platform.log->Lines()) EXPECT_EQ(line.find(good), std::string::npos) << line;
+}
+
+TEST_F(DeferredUploadTest, TakesOnlyQueuedFoldersAndDeletesByPreferenceUnlessStillOffline) {
+    const struct {
+        const char* statuses;
+        int result;        // -1: nothing is sent
+        const char* meta;  // nullptr: no preference saved
+        const char* after;
+        bool deleted;
+    } cases[] = {
+        {"1,0", -1, nullptr, "1,0", false},
+        // The artifact field goes back to 0 whatever it was.
+        {"2,1", 0, nullptr, "0,0", true},
+        {"2,1", 10, nullptr, "2,0", false},
+        {"2,1", 500, nullptr, "1,0", true},
+        {"2,0", 0, R"({"deleteFilesOnUpload":false})", "0,0", false},
+        // Not a boolean: the default.
+        {"2,0", 0, R"({"deleteFilesOnUpload":"false"})", "0,0", true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.statuses) + " " + std::to_string(c.result) + " " + (c.meta ? c.meta : ""));
+        const fs::path diag = Queue(AgentPluginData() / "acme", c.statuses);
+        if (c.meta) WriteText(diag / "latest" / "plugin-upload-meta.json", c.meta);
+        if (c.result >= 0) platform.storage->results.push_back(c.result);
+        const std::size_t before = platform.storage->Uploads().size();
+
+        EXPECT_EQ(Process(diag), c.result == 0);
+
+        ASSERT_EQ(platform.storage->Uploads().size(), before + (c.result >= 0 ? 1 : 0));
+        if (c.result >= 0) { EXPECT_EQ(platform.storage->Uploads().back().filePath, ZipOf(diag).string()); }
+        EXPECT_EQ(ReadText(diag / "scan-history.log"), kEarlierLine + Queued(c.after));
+        EXPECT_EQ(Remaining(diag), c.deleted ? 0 : 4);
+        EXPECT_TRUE(fs::exists(diag / "latest" / "scan-result.json"));
+    }
+}
+
+TEST_F(DeferredUploadTest, NeedsARegularZipInLatest) {
+    const fs::path diag = Queue(AgentPluginData() / "acme");
+    fs::remove(ZipOf(diag));
+    fs::create_directories(diag / "latest" / "folder.zip");
+    // A link in a folder that a user can write to must not send another file.
+#ifndef _WIN32
+    // (Wine shows a link to a file as the file itself.)
+    WriteText(platform.rootPath / "outside" / "secret.bin", "secret");
+    fs::create_symlink(platform.rootPath / "outside" / "secret.bin", diag / "latest" / "evil.zip");
+#endif
+
+    EXPECT_FALSE(Process(diag));
+
+    EXPECT_TRUE(platform.storage->Uploads().empty());
+    EXPECT_EQ(ReadText(diag / "scan-history.log"), kEarlierLine + Queued("2,0"));
+}
+
+TEST_F(DeferredUploadTest, ComingOnlineVisitsThePluginFoldersOfTheAgentAndOfTheLoggedInUser) {
+    const fs::path agentDiag = Queue(AgentPluginData() / "acme");
+    const fs::path userDiag = Queue(UserPluginData() / "widget");
+    const fs::path done = Queue(UserPluginData() / "sent", "0,0");
+    WriteText(AgentPluginData() / "stray-file", "x");
+    LogInUser();
+
+    manager->DeviceHasComeOnline();
+
+    std::multiset<std::string> uploaded;
+    for (const auto& upload : platform.storage->Uploads()) uploaded.insert(upload.filePath);
+    EXPECT_EQ(uploaded, (std::multiset<std::string>{ZipOf(agentDiag).string(), ZipOf(userDiag).string()}));
+    EXPECT_EQ(ReadText(userDiag / "scan-history.log"), kEarlierLine + Queued("0,0"));
+    EXPECT_EQ(Remaining(done), 4);
 }
 
 }  // namespace

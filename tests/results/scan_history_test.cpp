@@ -1,14 +1,20 @@
-// The scan history: the 100-line ring and the last line's status update.
+// The scan history: reading a line back, the 100-line ring, the last line's status update,
+// resuming the upload a scan left for when the device is online, and atomic replacement
+// (a write that fails half-way, on a full disk, leaves the old file whole and no temporary).
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <string>
+#include <tuple>
 
 #include <gtest/gtest.h>
+#include <json/json.h>
 
 #include "platform/env/Env.h"
 #include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
+#include "support/FullDisk.h"
 #include "support/HookedFiles.h"
 #include "support/ManagerFixture.h"
 
@@ -19,6 +25,7 @@ using zep::testing::HookedFiles;
 using zep::testing::kHistoryLineEnd;
 using zep::testing::ReadText;
 using zep::testing::WriteText;
+using Entry = DiagnosticsManager::ScanHistoryEntry;
 
 // History lines `from` to `to`, each with its own signature.
 std::string NumberedLines(int from, int to) {
@@ -48,9 +55,62 @@ private:
 
 class ScanHistoryTest : public zep::testing::ManagerTest {
 protected:
-    fs::path History() const { return platform.rootPath / "programdata" / "diagnostics" / "scan-history.log"; }
+    fs::path Folder() const { return platform.rootPath / "programdata" / "diagnostics"; }
+    fs::path History() const { return Folder() / "scan-history.log"; }
     std::wstring HistoryW() const { return zep::path::FromFs(History()); }
+    // Files of more than `limit` bytes cannot be written from now on.
+    void FillDisk(std::uint64_t limit) {
+        platform.env.files = std::make_shared<zep::testing::FullDisk>(platform.env.files, limit);
+        platform.Reinstall();
+    }
+    static std::size_t FilesIn(const fs::path& folder) {
+        std::size_t files = 0;
+        for ([[maybe_unused]] const auto& entry : fs::directory_iterator(folder)) ++files;
+        return files;
+    }
 };
+
+auto Fields(const Entry& e) {
+    return std::make_tuple(zep::text::ToUtf8(e.timeStamp), e.triggerType, int{e.sentToCloud}, int{e.artifactStatus},
+                           e.failedTestCount, zep::text::ToUtf8(e.problemSignature));
+}
+
+TEST_F(ScanHistoryTest, ParsesOrRejectsEachLine) {
+    struct Case {
+        const wchar_t* line;
+        std::optional<Entry> expected;  // nullopt: the line does not parse
+    };
+    const Case cases[] = {
+        // Triggers are matched case-insensitively; anything else is rejected.
+        {L"T,MQTT,2,1,3,abc", Entry{L"T", 2, 2, 1, 3, L"abc"}},
+        {L"2026-11-21T10:15:30Z,manual,0,1,0,\"\"", Entry{L"2026-11-21T10:15:30Z", 0, 0, 1, 0, L"\"\""}},
+        {L"T,sCHEDULED,1,0,7,x y", Entry{L"T", 1, 1, 0, 7, L"x y"}},
+        {L"T,Remote,0,1,0,abc", std::nullopt},
+        // Exactly six fields; a trailing comma opens no empty sixth one.
+        {L"T,Manual,0,1,0", std::nullopt},
+        {L"T,Manual,0,1,0,", std::nullopt},
+        {L"T,Manual,0,1,0,abc,extra", std::nullopt},
+        {L"21/11/2026, 10:15,Manual,0,1,0,abc", std::nullopt},
+        {L"", std::nullopt},
+        // Numbers read like stoi: leading blanks and sign, trailing junk ignored.
+        {L"T,Manual, 2,1,0,abc", Entry{L"T", 0, 2, 1, 0, L"abc"}},
+        {L"T,Manual,+1,\t1,0,abc", Entry{L"T", 0, 1, 1, 0, L"abc"}},
+        {L"T,Manual,3abc,1,0,abc", Entry{L"T", 0, 3, 1, 0, L"abc"}},
+        // Fields 3 and 4 keep their low 8 bits; field 5 is a whole int.
+        {L"T,Manual,300,-1,-2,abc", Entry{L"T", 0, 44, 255, -2, L"abc"}},
+        {L"T,Manual,0,1,70000,abc", Entry{L"T", 0, 0, 1, 70000, L"abc"}},
+        {L"T,Manual,x,1,0,abc", std::nullopt},
+        {L"T,Manual,0,,0,abc", std::nullopt},
+        {L"T,Manual,0,1,99999999999,abc", std::nullopt},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(zep::text::ToUtf8(c.line));
+        Entry entry;
+        ASSERT_EQ(manager->ParseScanHistoryLine(c.line, entry), c.expected.has_value());
+        if (!c.expected) continue;
+        EXPECT_EQ(Fields(entry), Fields(*c.expected));
+    }
+}
 
 TEST_F(ScanHistoryTest, TheHundredAndFirstLinePushesOutTheOldest) {
     const std::string stamp = "2026-11-21T10:15:30Z,Manual,1,1,0,";
@@ -103,6 +163,79 @@ TEST_F(ScanHistoryTest, AHugeHistoryIsReadOnlyFromItsTail) {
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 100);
     EXPECT_NE(text.find(std::string("2026-01-01T00:00:00Z,Manual,2,0,0,sig20001") + kHistoryLineEnd), std::string::npos);
     EXPECT_LE(*largest, 64u * 1024u);
+}
+
+TEST_F(ScanHistoryTest, AFailedDocumentWriteKeepsTheOldDocument) {
+    const auto path = Folder() / "latest" / "scan-result.json";
+    const std::string old = "{\"id\":\"previous scan\"}";
+    WriteText(path, old);
+    Json::Value document(Json::objectValue);
+    document["componentId"] = std::string(4096, 'x');
+    FillDisk(512);
+    peer->SaveComponentResultsToFile(document, zep::path::FromFs(path));
+    EXPECT_EQ(ReadText(path), old);
+    EXPECT_EQ(FilesIn(path.parent_path()), 1u);
+}
+
+TEST_F(ScanHistoryTest, AFailedHistoryRewriteKeepsTheWholeOldHistory) {
+    const std::string old = NumberedLines(1, 100);
+    WriteText(History(), old);
+    FillDisk(1024);
+    peer->GenerateScanHistory();
+    EXPECT_FALSE(manager->UpdateStatusForLastLineInScanHistoryFile(HistoryW(), 0, 0));
+    EXPECT_EQ(ReadText(History()), old);
+    EXPECT_EQ(FilesIn(Folder()), 1u);
+}
+
+constexpr const char* kSignature = "977e31632a72c148fa7aeaa38379bd6d952ffabe8f05a04f5f124dbe98359a5a";
+
+std::string PendingLine(const std::string& stamp, const std::string& statuses) {
+    return stamp + ",Mqtt," + statuses + ",2," + kSignature + kHistoryLineEnd;
+}
+
+// Only a last line still marked offline (2) is resumed: not one that failed
+// while online (1), nor an offline one that a newer scan's line follows.
+TEST_F(ScanHistoryTest, ResumesOnlyAnOfflineLastLineAndRecordsTheOutcome) {
+    struct Case {
+        const char* lastStatuses;
+        bool online;
+        int storageAnswer;
+        bool uploaded;
+        const char* statusesAfter;
+    };
+    const Case cases[] = {
+        {"2,1", true, 0, true, "0,0"}, {"2,1", true, 3, true, "1,0"},
+        {"2,1", false, 0, false, "2,1"},  // still offline: stays pending
+        {"1,0", true, 0, false, "1,0"},   {"0,0", true, 0, false, "0,0"}, {"1,1", true, 0, false, "1,1"},
+    };
+    const auto latest = Folder() / "latest";
+    WriteText(latest / "scan-result.json",
+              std::string(R"({"trigger":"Mqtt","id":"resumed-scan","executionTimeSeconds":"1.500",)") +
+                  R"("isProblematic":true,"failTestCount":2,"problemSignature":")" + kSignature +
+                  R"(","components":[]})");
+    const std::string earlier = PendingLine("T0", "2,1");  // no longer last: never resumed
+    std::size_t uploads = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.lastStatuses) + (c.online ? " online" : " offline"));
+        WriteText(History(), earlier + PendingLine("T1", c.lastStatuses));
+        platform.device->online = c.online;
+        platform.storage->otherwise = c.storageAnswer;
+
+        manager->DeviceHasComeOnline();
+
+        const auto sent = platform.storage->Uploads();
+        ASSERT_EQ(sent.size(), uploads += c.uploaded ? 1 : 0);
+        if (c.uploaded) {
+            // The scan named by the stored scan result, as the registered device it is.
+            EXPECT_EQ(sent.back().filePath, (latest / "LD-TEST01_resumed-scan.zip").string());
+            EXPECT_FALSE(sent.back().unregisteredDevice);
+        }
+        EXPECT_EQ(ReadText(History()), earlier + PendingLine("T1", c.statusesAfter));
+        // The resumed scan's totals must not leak into the next scan.
+        EXPECT_EQ(peer->scanID(), L"");
+        EXPECT_EQ(peer->totalTestFailureCount(), 0);
+        EXPECT_FALSE(peer->isProblematic());
+    }
 }
 
 }  // namespace
