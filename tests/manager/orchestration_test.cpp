@@ -1,7 +1,12 @@
-// One scan: the tests' order, scan names, the time-out, failures of the tests and of the scan.
+// Request intake (which notifications start a scan, the rate limit, what a payload asks for),
+// the names a scan takes, and one scan: its tests, the time-out, failures of the tests and of the scan.
+#include "manager/ScanName.h"
+
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 
@@ -20,6 +25,121 @@ using zep::platform::Hive;
 using zep::testing::ManagerTest;
 
 namespace {
+
+const std::wstring kZepPayload = ManagerTest::Payload("r1", R"(["zep"])");
+const char* kRateLimited = "DiagnosticsManager::OnNotification: getDiagnostics rate limit exceeded. minimum interval is";
+const wchar_t* kZepKey = L"SOFTWARE\\Quorin\\ZEP";
+
+using IntakeTest = ManagerTest;
+
+TEST_F(IntakeTest, OnlyRunGetDiagnosticsIsARequest) {
+    Deliver(Request(kZepPayload, L"Run"));                      // action is case-sensitive
+    Deliver(Request(kZepPayload, L"run ", L"getDiagnostics"));  // and exact
+    Deliver(Request(kZepPayload, L"run", L"getDiagnosticsNow"));
+    Deliver(ZEPNotificationData(3, 0, L"run", L"getDiagnostics", kZepPayload, false, true));  // an extension's
+    EXPECT_EQ(ZepScans(), 0u);
+
+    Deliver(Request(kZepPayload, L"run", L"GETDIAGNOSTICS"));  // the message type ignores case
+    EXPECT_EQ(ZepScans(), 1u);
+}
+
+TEST_F(IntakeTest, OnlineTopicsAreHandledBeforeAnyRequestAndNeverScan) {
+    // Even carrying a request, an online notification only resumes uploads.
+    Deliver(ZEPNotificationData(6, 0, L"run", L"getDiagnostics", kZepPayload));
+    Deliver(ZEPNotificationData(10, 13, L"run", L"getDiagnostics", kZepPayload));
+    EXPECT_EQ(ZepScans(), 0u);
+
+    // A QCP notification on topic 6 is not an online one; nor are other states of topic 10.
+    Deliver(ZEPNotificationData(6, 0, L"run", L"getDiagnostics", kZepPayload, true));
+    EXPECT_EQ(ZepScans(), 1u);
+    platform.clock->Advance(10min);
+    Deliver(ZEPNotificationData(10, 12, L"run", L"getDiagnostics", kZepPayload));
+    EXPECT_EQ(ZepScans(), 2u);
+}
+
+TEST_F(IntakeTest, RateLimitIsTenMinutesMeasuredFromTheLastAcceptedRequest) {
+    Deliver(Request(kZepPayload));
+    platform.clock->Advance(9min + 59s);
+    Deliver(Request(kZepPayload));
+    EXPECT_EQ(ZepScans(), 1u);
+    EXPECT_EQ(platform.log->Count(std::string(kRateLimited) + " 10 minutes."), 1u);
+
+    platform.clock->Advance(1s);  // a refused request does not restart the interval
+    Deliver(Request(kZepPayload));
+    EXPECT_EQ(ZepScans(), 2u);
+    platform.clock->Advance(10min - 1ns);
+    Deliver(Request(kZepPayload));
+    EXPECT_EQ(ZepScans(), 2u);
+}
+
+TEST_F(IntakeTest, RegistryRateLimitCountsOnlyWithCustomSettings) {
+    platform.registry->SetDword(Hive::LocalMachine, kZepKey, L"GetDiagnosticsMqttRateLimit", 1);
+    Deliver(Request(kZepPayload));
+    platform.clock->Advance(2min);
+    Deliver(Request(kZepPayload));
+    EXPECT_EQ(ZepScans(), 1u) << "custom settings are off: the value must be ignored";
+
+    platform.settings->enableCustomSettings = true;
+    Deliver(Request(kZepPayload));
+    platform.clock->Advance(59s);
+    Deliver(Request(kZepPayload));
+    EXPECT_EQ(ZepScans(), 2u);
+    EXPECT_TRUE(platform.log->Contains(std::string(kRateLimited) + " 1 minutes."));
+
+    // 0 means "not set": the default stays in force.
+    platform.registry->SetDword(Hive::LocalMachine, kZepKey, L"GetDiagnosticsMqttRateLimit", 0);
+    platform.clock->Advance(5min);
+    Deliver(Request(kZepPayload));
+    EXPECT_EQ(ZepScans(), 2u);
+
+    // Minutes to a duration must not overflow into a short interval.
+    platform.registry->SetDword(Hive::LocalMachine, kZepKey, L"GetDiagnosticsMqttRateLimit", 0xFFFFFFFFu);
+    platform.clock->Advance(24h * 365);
+    Deliver(Request(kZepPayload));
+    EXPECT_EQ(ZepScans(), 2u);
+}
+
+// Anything unusable falls back to the agent's own scan; the previous request's
+// values never leak into the next one.
+TEST_F(IntakeTest, PayloadsGiveRequestIdAndTargets) {
+    const std::string envelope = R"({"zep-message":{"action":{"cmd_param":)";
+    const struct {
+        std::string payload;
+        std::wstring requestId;
+        std::vector<std::wstring> targets;
+    } cases[] = {
+        {"", L"", {L"zep"}},
+        {"{not json", L"", {L"zep"}},
+        {envelope + R"({"requestId":"ABC","target":["Zep","PluginX"]}}}})", L"abc", {L"pluginx", L"zep"}},
+        {envelope + R"({"requestId":"r","target":"pluginx"}}}})", L"r", {L"zep"}},
+        {envelope + R"({"requestId":"r","target":[]}}}})", L"r", {}},
+        {envelope + R"({"target":[1,"A",null,{"x":1},"a"]}}}})", L"", {L"a"}},
+        {envelope + R"({"requestId":42,"target":["zep"]}}}})", L"", {L"zep"}},
+        {envelope + R"({"requestId":"R2"}}}})", L"r2", {L"zep"}},
+        {envelope + R"(["requestId","x"]}}})", L"", {L"zep"}},
+        {R"({"zep-message":{"cmd_param":{"requestId":"x","target":["p"]}}})", L"", {L"zep"}},
+        {envelope + R"({"requestId":"\u00c9P-1","target":["\u00dcBER"]}}}})", L"\u00e9p-1", {L"\u00fcber"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.payload);
+        ZEPNotificationData data(3, 0, L"run", L"getDiagnostics", zep::text::FromUtf8(c.payload));
+        DiagnosticsParams params;
+        params.requestId = L"stale";
+        params.targets.insert(L"stale");
+        manager->ParseDiagnosticsParameters(data, params);
+        EXPECT_EQ(params.requestId, c.requestId);
+        std::vector<std::wstring> targets(params.targets.begin(), params.targets.end());
+        std::sort(targets.begin(), targets.end());
+        EXPECT_EQ(targets, c.targets);
+    }
+    // The payload is logged: a line feed in it cannot start a line of its own.
+    ZEPNotificationData forged(3, 0, L"run", L"getDiagnostics",
+                               L"x\n2026-01-01T00:00:00.000Z [e] [00000] FORGED: upload succeeded");
+    DiagnosticsParams params;
+    manager->ParseDiagnosticsParameters(forged, params);
+    for (const auto& line : platform.log->Lines()) EXPECT_EQ(line.find('\n'), line.size() - 1) << line;
+    EXPECT_TRUE(platform.log->Contains("parsing notification payload: x\\x0A2026-01-01T00:00:00.000Z [e]"));
+}
 
 // Its run takes as long (on the fake clock) as the test says, or fails as the test says.
 struct ScriptedGenerator : zep::diagnostics::IDiagnosticsGenerator {
@@ -93,16 +213,12 @@ TEST_F(OrchestrationTest, RequestIdsThatAreOneFileNameNameTheScanAndTheRestGetAG
     const auto onlyOnPosix = [](const wchar_t* name) { return std::wstring(name); };
     const std::wstring twoByteName;
 #endif
+    // The file name rules themselves are ScanNameTest's: here, that both roads are taken.
     const Case cases[] = {
         {"urn:req:42", onlyOnPosix(L"urn:req:42")},
-        {"with blanks", L"with blanks"},
-        {std::string(129, 'a'), std::wstring(129, L'a')},
         {std::string(255, 'b'), std::wstring(255, L'b')},
-        {"..", L""},
         {"../../victim", L""},
-        {"a/b", L""},
         {"x\\ny", L""},
-        {"\\u0085", L""},
         {std::string(256, 'c'), L""},
         {twoByteLetters, twoByteName},
     };
@@ -133,30 +249,30 @@ TEST_F(OrchestrationTest, RequestIdsThatAreOneFileNameNameTheScanAndTheRestGetAG
     EXPECT_TRUE(platform.log->Contains("request id '../../victim'"));
 }
 
-// Judged after the tests ran: exactly 60 s is in time, anything more is not.
-TEST_F(OrchestrationTest, TimeOutIsJudgedAfterTheTestsRan) {
-    std::wstring executionTime;
-    EXPECT_EQ(Run([&] { platform.clock->Advance(60s); }, executionTime), DiagnosticsManager::Complete);
-    EXPECT_EQ(executionTime, L"60.000");
-    EXPECT_EQ(peer->tests().size(), 2u);
-
-    EXPECT_EQ(Run([&] { platform.clock->Advance(60500ms); }, executionTime), DiagnosticsManager::ErrorTimeOut);
-    EXPECT_EQ(executionTime, L"0");
-    EXPECT_TRUE(peer->tests().empty());
-
-    EXPECT_EQ(Run([&] { platform.clock->Advance(1234400us); }, executionTime), DiagnosticsManager::Complete);
-    EXPECT_EQ(executionTime, L"1.235");
-}
-
-TEST_F(OrchestrationTest, ExceptionsFromTheTestsBecomeErrorGeneral) {
-    std::wstring executionTime;
-    EXPECT_EQ(Run([] { throw std::runtime_error("adapter gone"); }, executionTime), DiagnosticsManager::ErrorGeneral);
-    EXPECT_EQ(executionTime, L"0");
-    EXPECT_TRUE(peer->tests().empty());
-    EXPECT_TRUE(platform.log->Contains("DiagnosticsManager::RunDiagnostics: exception during tests running adapter gone"));
-
-    EXPECT_EQ(Run([] { throw 42; }, executionTime), DiagnosticsManager::ErrorGeneral);
-    EXPECT_TRUE(platform.log->Contains("exception during tests running unknown exception"));
+// The time-out is judged after the tests ran: exactly 60 s is in time, anything more is not;
+// anything the tests throw becomes ErrorGeneral. Either failure drops the tests' results.
+TEST_F(OrchestrationTest, TimeOutAndExceptionsOfTheTests) {
+    const struct {
+        std::function<void()> during;
+        DiagnosticsManager::ResultType result;
+        const wchar_t* executionTime;
+        const char* log;  // nullptr: none
+    } cases[] = {
+        {[&] { platform.clock->Advance(60s); }, DiagnosticsManager::Complete, L"60.000", nullptr},
+        {[&] { platform.clock->Advance(60500ms); }, DiagnosticsManager::ErrorTimeOut, L"0", nullptr},
+        {[&] { platform.clock->Advance(1234400us); }, DiagnosticsManager::Complete, L"1.235", nullptr},
+        {[] { throw std::runtime_error("adapter gone"); }, DiagnosticsManager::ErrorGeneral, L"0",
+         "DiagnosticsManager::RunDiagnostics: exception during tests running adapter gone"},
+        {[] { throw 42; }, DiagnosticsManager::ErrorGeneral, L"0", "exception during tests running unknown exception"},
+    };
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        const auto& c = cases[i];
+        std::wstring executionTime;
+        EXPECT_EQ(Run(c.during, executionTime), c.result) << "case " << i;
+        EXPECT_EQ(executionTime, c.executionTime) << "case " << i;
+        EXPECT_EQ(peer->tests().size(), c.result == DiagnosticsManager::Complete ? 2u : 0u) << "case " << i;
+        if (c.log) { EXPECT_TRUE(platform.log->Contains(c.log)) << "case " << i; }
+    }
 }
 
 TEST_F(OrchestrationTest, MqttScanWithoutParamsDoesNothing) {
@@ -221,6 +337,54 @@ TEST_F(OrchestrationTest, HostilePackageDocumentsEndTheSummaryButNotTheScan) {
     params.requestId = L"good2";
     Scan(2, params);
     EXPECT_THAT(zep::testing::ReadText(latest / "scan-result.json"), ::testing::HasSubstr("\"id\" : \"good2\""));
+}
+
+// `text` `count` times over (an emoji is one wide character or two).
+std::wstring Repeated(const std::wstring& text, int count) {
+    std::wstring out;
+    for (int i = 0; i < count; ++i) out += text;
+    return out;
+}
+
+TEST(ScanNameTest, EachSystemsFileNameRules) {
+    const struct {
+        std::wstring name;
+        bool posix;
+        bool windows;
+    } cases[] = {
+        {L"r1", true, true},
+        {L"urn:req:42", true, false},
+        {L"with blanks", true, true},
+        {L"\u00e9t\u00e9 \U0001F600", true, true},
+        {std::wstring(255, L'a'), true, true},
+        {std::wstring(256, L'a'), false, false},
+        {std::wstring(128, L'\u00e9'), false, true},  // 256 bytes as UTF-8, 128 UTF-16 units
+        {Repeated(L"\U0001F600", 128), false, false},  // 512 bytes, 256 units
+        {L"name.", true, false},
+        {L"name ", true, false},
+        {L"a\\b", true, false},
+        {L"a*b?c", true, false},
+        {L"CON", true, false},
+        {L"con.txt", true, false},
+        {L"Nul .log", true, false},
+        {L"COM\u00b9", true, false},
+        {L"CONOUT$", true, false},
+        {L"COM10", true, true},
+        {L"", false, false},
+        {L".", false, false},
+        {L"..", false, false},
+        {L"...", true, false},
+        {L"a/b", false, false},
+        {L"x\ny", false, false},
+        {L"del\x7f", false, false},
+        {L"nel\u0085", false, false},
+        {std::wstring{L'a', static_cast<wchar_t>(0xDC80)}, false, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(zep::text::ToUtf8(c.name));
+        EXPECT_EQ(zep::manager::IsOneFileName(c.name, zep::manager::NameRules::Posix), c.posix);
+        EXPECT_EQ(zep::manager::IsOneFileName(c.name, zep::manager::NameRules::Windows), c.windows);
+    }
 }
 
 }  // namespace
