@@ -1,13 +1,11 @@
 #include "platform/device/PlatformPolicyFile.h"
 
 #include <cstddef>
-#include <iterator>
 #include <list>
 #include <string>
 #include <utility>
 
 #include <gtest/gtest.h>
-
 
 namespace {
 
@@ -54,23 +52,19 @@ TEST(PlatformPolicyTest, FieldsLieInTheRecordsOrderWithTheUrlLast) {
     const PlatformRecord record;
     EXPECT_EQ(sizeof(PlatformPolicy), sizeof(PlatformRecord));
     // The fields that the getters hand out by reference pin the rest between them.
-    const std::pair<std::ptrdiff_t, std::ptrdiff_t> offsets[] = {
-        {OffsetIn<PlatformPolicy>(policy, policy.api_baseuri()), OffsetIn(record, record.api_baseuri)},
-        {OffsetIn<PlatformPolicy>(policy, policy.discover_uri()), OffsetIn(record, record.discover_uri)},
-        {OffsetIn<PlatformPolicy>(policy, policy.api_mtls_uri()), OffsetIn(record, record.api_mtls_uri)},
-        {OffsetIn<PlatformPolicy>(policy, policy.api_geo_baseuri()), OffsetIn(record, record.api_geo_baseuri)},
-        {OffsetIn<PlatformPolicy>(policy, policy.mqtt_mtls_uri()), OffsetIn(record, record.mqtt_mtls_uri)},
-        {OffsetIn<PlatformPolicy>(policy, policy.jws_pubkey()), OffsetIn(record, record.jws_pubkey)},
-        {OffsetIn<PlatformPolicy>(policy, policy.tls_rootca_thumbprint_list()),
-         OffsetIn(record, record.tls_rootca_thumbprint_list)},
-        {OffsetIn<PlatformPolicy>(policy, policy.tls_leaf_cn_list()), OffsetIn(record, record.tls_leaf_cn_list)},
-        {OffsetIn<PlatformPolicy>(policy, policy.device_subscription_list()),
-         OffsetIn(record, record.device_subscription_list)},
-        {policy.UrlOffset(), OffsetIn(record, record.platform_policy_url)},
+#define ZEP_SAME_OFFSET(field) {OffsetIn<PlatformPolicy>(policy, policy.field()), OffsetIn(record, record.field), #field}
+    const struct {
+        std::ptrdiff_t actual, expected;
+        const char* field;
+    } offsets[] = {
+        ZEP_SAME_OFFSET(api_baseuri), ZEP_SAME_OFFSET(discover_uri), ZEP_SAME_OFFSET(api_mtls_uri),
+        ZEP_SAME_OFFSET(api_geo_baseuri), ZEP_SAME_OFFSET(mqtt_mtls_uri), ZEP_SAME_OFFSET(jws_pubkey),
+        ZEP_SAME_OFFSET(tls_rootca_thumbprint_list), ZEP_SAME_OFFSET(tls_leaf_cn_list),
+        ZEP_SAME_OFFSET(device_subscription_list),
+        {policy.UrlOffset(), OffsetIn(record, record.platform_policy_url), "platform_policy_url"},
     };
-    for (std::size_t i = 0; i < std::size(offsets); ++i) {
-        EXPECT_EQ(offsets[i].first, offsets[i].second) << "field " << i;
-    }
+#undef ZEP_SAME_OFFSET
+    for (const auto& offset : offsets) EXPECT_EQ(offset.actual, offset.expected) << offset.field;
 }
 
 }  // namespace

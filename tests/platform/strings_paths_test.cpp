@@ -73,8 +73,7 @@ TEST(CaseTest, SimpleCaseMappingCoversUnicodeInAnyGlobalLocale) {
     }
 }
 
-// The listing of the agent's folder names each file it lists: bytes that are
-// not text are escaped, and no real name can look like an escape.
+// The folder listing escapes bytes that are not text, and no real name can look like an escape.
 TEST(FileNameTest, ListingTextEscapesWhatIsNotTextReversibly) {
 #ifdef _WIN32
     // Names are UTF-16: only a lone surrogate is not text, and its escape
@@ -109,15 +108,6 @@ TEST(FileNameTest, AnyBytesRoundTripThroughWideText) {
     // A stray byte is carried as a lone surrogate, not as the replacement character.
     EXPECT_EQ(text::DecodeFileName("\xE9"), std::wstring(1, static_cast<wchar_t>(0xDCE9)));
     EXPECT_EQ(text::DecodeFileName("Z\xC3\xBCrich-\xF0\x9F\x98\x80"), L"Z\u00FCrich-\U0001F600");
-}
-
-TEST(PathTest, NativePathUsesTheSystemsSeparator) {
-#ifdef _WIN32
-    EXPECT_EQ(path::NativePath(L"\\diagnostics\\latest\\"), L"\\diagnostics\\latest\\");
-#else
-    EXPECT_EQ(path::NativePath(L"\\diagnostics\\latest\\"), L"/diagnostics/latest/");
-    EXPECT_EQ(path::NativePath(L"already/native"), L"already/native");
-#endif
 }
 
 TEST(PathTest, AFileIsFoundThroughItsWidePathWhateverItsName) {
