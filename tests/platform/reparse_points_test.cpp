@@ -1,8 +1,6 @@
-// Junctions and links to files, as the Windows backend reports them when it
-// sees a reparse point on a handle (Wine cannot make either, and shows a
-// link to a file as the file): a folder double whose chosen entries read as
-// links and refuse to be opened. Whatever lies behind them is never listed,
-// copied, read, written or deleted through the agent's file operations.
+// Junctions and links to files as the Windows backend reports them (Wine can
+// make neither): a folder double whose chosen entries read as links and refuse
+// to be opened. Nothing behind them is listed, copied, read, written or deleted.
 #include <filesystem>
 #include <set>
 #include <string>
