@@ -50,16 +50,9 @@ std::string JsonText(const Json::Value& value) {
 
 // The envelope of a getDiagnostics request for the agent's own scan.
 std::string Request(const std::string& requestId) {
-    Json::Value payload;
-    payload["zep-message"]["action"]["cmd_param"]["requestId"] = requestId;
-    payload["zep-message"]["action"]["cmd_param"]["target"].append("zep");
-    Json::Value envelope;
-    envelope["topicId"] = 3;
-    envelope["eventState"] = 0;
-    envelope["actionType"] = "run";
-    envelope["messageType"] = "getDiagnostics";
-    envelope["payload"] = JsonText(payload);
-    return JsonText(envelope);
+    return R"({"topicId": 3, "eventState": 0, "actionType": "run", "messageType": "getDiagnostics", "payload": )"
+           R"("{\"zep-message\":{\"action\":{\"cmd_param\":{\"requestId\":\")" +
+           requestId + R"(\",\"target\":[\"zep\"]}}}}"})";
 }
 
 std::string Base64(const std::string& bytes) {

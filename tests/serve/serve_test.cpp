@@ -3,9 +3,6 @@
 // result codes and the reconnection back-off.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -14,7 +11,6 @@
 #include "serve/Envelope.h"
 #include "serve/HttpsStorage.h"
 #include "serve/MqttClient.h"
-#include "serve/ServeNetwork.h"
 #include "serve/ServeSettings.h"
 
 namespace {
@@ -136,11 +132,11 @@ TEST_F(Settings, TheCommandLineWinsOverThePolicy) {
     EXPECT_EQ(settings->tls.caFile, "/etc/zep/ca.pem");
     EXPECT_EQ(settings->tls.caPem, "");
     EXPECT_EQ(settings->tls.certFile, "c.pem");
-}
 
-TEST_F(Settings, WithoutAnUploadAddressUploadsStayOnTheDevice) {
-    options.broker = "mqtt://127.0.0.1";
-    const auto settings = Resolve();
+    // Without an upload address anywhere, uploads stay on the device.
+    options.uploadUrl.clear();
+    policy = PlatformPolicy();
+    settings = Resolve();
     ASSERT_TRUE(settings) << error;
     EXPECT_FALSE(settings->uploadUrl);
     EXPECT_FALSE(settings->uploads);
@@ -185,21 +181,6 @@ TEST(ReconnectDelay, DoublesUpToThirtySeconds) {
         delays.push_back(static_cast<long>(ReconnectDelay(failures).count()));
     }
     EXPECT_EQ(delays, (std::vector<long>{1, 2, 4, 8, 16, 30, 30, 30, 30}));
-}
-
-TEST(AcceptsTcp, OnlyWhatListens) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    const int port = ntohs(address.sin_port);
-    ASSERT_EQ(::listen(fd, 1), 0);
-    EXPECT_TRUE(AcceptsTcp("127.0.0.1", port, std::chrono::seconds(1)));
-    ::close(fd);
-    EXPECT_FALSE(AcceptsTcp("127.0.0.1", port, std::chrono::seconds(1)));
 }
 
 }  // namespace

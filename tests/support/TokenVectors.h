@@ -17,7 +17,6 @@
 namespace zep::testing::vectors {
 
 inline constexpr char kClaims[] = R"({"sub":"device-7f3a"})";
-inline constexpr long long kFakeClockSeconds = 1795256130;
 
 // Public keys (PEM "PUBLIC KEY").
 extern const char kTrustedRsaKey[];
