@@ -7,17 +7,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "platform/device/DeviceState.h"
-#include "platform/util/MemoryRegistry.h"
 #include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
 #include "support/Programs.h"
@@ -125,7 +122,7 @@ TEST_F(DeviceFolderTest, MissingOrMalformedDeviceJsonGivesAnAbsentDevice) {
 TEST_F(DeviceFolderTest, FifosAndOversizedDocumentsReadAsAbsent) {
     WriteText(dir / "platform-policy.json", R"({"api_baseuri": "https://a"})");
     ASSERT_EQ(env.policy->GetPlatformPolicy().api_baseuri(), L"https://a");
-    for (const char* name : {"platform-policy.json", "update-policy.json", "registry.reg", "upload-results"}) {
+    for (const char* name : {"platform-policy.json", "registry.reg"}) {
         fs::remove(dir / name);
         ASSERT_EQ(::mkfifo((dir / name).c_str(), 0600), 0) << name;
     }
@@ -137,7 +134,6 @@ TEST_F(DeviceFolderTest, FifosAndOversizedDocumentsReadAsAbsent) {
     }
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(env.policy->GetPlatformPolicy().api_baseuri(), L"");
-    EXPECT_TRUE(env.policy->GetUpdatePolicy().packages.empty());
     DWORD value = 0;
     EXPECT_FALSE(env.registry->GetDword(Hive::LocalMachine, L"SOFTWARE\\Quorin\\ZEP", L"X", value));
     ExpectAbsentDevice();
@@ -162,26 +158,11 @@ TEST_F(DeviceFolderTest, DeviceJsonChangesArePickedUp) {
     ExpectAbsentDevice();
 }
 
-TEST_F(DeviceFolderTest, RegistryFileIsReloadedInEitherEncoding) {
-    const fs::path reg = dir / "registry.reg";
-    const std::string header = "Windows Registry Editor Version 5.00\r\n\r\n"
-                               "[HKEY_LOCAL_MACHINE\\SOFTWARE\\Quorin\\ZEP]\r\n\"GetDiagnosticsMqttRateLimit\"=dword:";
-    const auto rateLimit = [this] {
-        DWORD value = 0;
-        return env.registry->GetDword(Hive::LocalMachine, L"software\\quorin\\zep", L"GetDiagnosticsMqttRateLimit",
-                                      value) ? value : 999u;
-    };
-    WriteText(reg, header + "0000000a\r\n");  // same-size rewrites: DeviceJsonChangesArePickedUp (one watcher)
-    EXPECT_EQ(rateLimit(), 10u);
-    Replace(reg, EncodeUtf16LeWithBom(text::FromUtf8(header + "00000005\r\n")));  // as the registry editor exports
-    EXPECT_EQ(rateLimit(), 5u);
-    fs::remove(reg);
-    EXPECT_EQ(rateLimit(), 999u);
-}
-
-TEST_F(DeviceFolderTest, LogRotatesAtFiveMebibytesWithoutSplittingLines) {
-    EXPECT_EQ(env.logs->OpenLog("../escape.log", 4), nullptr);
-    auto sink = env.logs->OpenLog("ZEPDiagnostics.log", 4);
+TEST_F(DeviceFolderTest, LogRotatesAtFiveMebibytesWithoutSplittingLinesAndKeepsMaxFiles) {
+    EXPECT_EQ(env.logs->OpenLog("../escape.log", 3), nullptr);
+    WriteText(LogPath(".1"), "file 1");
+    WriteText(LogPath(".2"), "file 2");
+    auto sink = env.logs->OpenLog("ZEPDiagnostics.log", 3);
     ASSERT_NE(sink, nullptr);
     const std::string line = std::string(1023, 'x') + "\n";
     const std::uintmax_t lines = 6 * 1024;
@@ -191,17 +172,6 @@ TEST_F(DeviceFolderTest, LogRotatesAtFiveMebibytesWithoutSplittingLines) {
     EXPECT_GT(rotated, kRotationBytes - line.size());
     EXPECT_EQ(rotated % line.size(), 0u);
     EXPECT_EQ(fs::file_size(LogPath()) + rotated, lines * line.size());
-    EXPECT_FALSE(fs::exists(LogPath(".2")));
-}
-
-TEST_F(DeviceFolderTest, RotationShiftsOlderFilesAndKeepsMaxFiles) {
-    WriteText(LogPath(), "");
-    fs::resize_file(LogPath(), kRotationBytes - 1);  // one byte short of rotating
-    WriteText(LogPath(".1"), "file 1");
-    WriteText(LogPath(".2"), "file 2");
-    env.logs->OpenLog("ZEPDiagnostics.log", 3)->Write("after rotation\n");
-    EXPECT_EQ(ReadText(LogPath()), "after rotation\n");
-    EXPECT_EQ(fs::file_size(LogPath(".1")), kRotationBytes - 1);
     EXPECT_EQ(ReadText(LogPath(".2")), "file 1");
     EXPECT_FALSE(fs::exists(LogPath(".3")));
 }
@@ -217,29 +187,6 @@ TEST_F(DeviceFolderTest, EachUploadGetsTheNumberAfterTheHighest) {
     fs::create_directory(dir / "outbox/notes");
     ASSERT_EQ(Upload(), 0);
     EXPECT_TRUE(fs::is_regular_file(dir / "outbox/0013/LD-1_scan-7.zip"));
-}
-
-// Envs of their own share no lock: only the exclusive creation keeps folders apart.
-TEST_F(DeviceFolderTest, ConcurrentUploadsNeverShareAFolder) {
-    constexpr int kThreads = 8, kEach = 25;
-    std::atomic<int> ready{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
-        threads.emplace_back([&, t] {
-            const Env own = MakeDeviceFolderEnv(platform.root, platform.hub);
-            for (ready.fetch_add(1); ready.load() < kThreads;) std::this_thread::yield();  // start together
-            for (int i = 0; i < kEach; ++i) {
-                EXPECT_EQ(
-                    own.storage->UploadDiagResult(path::NarrowPath(zip), false, std::to_string(t * 100 + i), ""), 0);
-            }
-        });
-    }
-    for (auto& thread : threads) thread.join();
-    std::set<std::string> metadata;
-    for (const auto& folder : Names(dir / "outbox")) {
-        metadata.insert(ReadText(dir / "outbox" / folder / "LD-1_scan-7.zip.metadata.json"));
-    }
-    EXPECT_EQ(metadata.size(), std::size_t{kThreads * kEach});
 }
 
 TEST_F(DeviceFolderTest, ForcedResultsAreTakenOneLinePerUploadAndNoTokenIsWritten) {
@@ -278,10 +225,7 @@ TEST_F(DeviceFolderTest, ResolvesRunningInstancesOfAValidPluginFolderOnly) {
 
     const char* const invalid[] = {
         "{ not json",
-        R"({"id": "a", "elevations": ["user"], "program": "p"} extra)",
-        R"({"elevations": ["user"], "program": "p"})",
         R"({"id": "a", "elevations": ["user"]})",
-        R"({"id": "a", "elevations": [], "program": "p"})",
         R"({"id": "a", "elevations": ["elevated"], "running": false, "program": "p"})",
         R"({"id": "a", "elevations": ["system"], "program": "p"})",
     };
@@ -314,10 +258,6 @@ TEST_F(DeviceFolderTest, SendOutcomeFollowsExitStatusAndTimeOut) {
     EXPECT_TRUE(result.timeout && !result.delivered && !result.isSuccess);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 900ms);
     EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
-
-    Plugin(R"({"id": "com.q.demo", "elevations": ["user"], "program": "nowhere.sh"})");
-    result = Send();
-    EXPECT_FALSE(result.delivered || result.isSuccess || result.timeout);
 }
 
 // The answer is the last one on standard output, of which only the last MiB
@@ -326,9 +266,7 @@ TEST_F(DeviceFolderTest, DeletePreferenceIsTheLastAnswerInTheLastMebibyteOfOutpu
     const fs::path folder = Plugin(kDemoManifest, Behaviour::PrintAnswerFile);
     const std::pair<std::string, bool> cases[] = {
         {"{\n\t\"deleteFilesOnUpload\" : true\n}\n", true},
-        {"collecting...\n{\"deleteFilesOnUpload\": true}\n", true},
         {"{\"deleteFilesOnUpload\": true}\n{\"deleteFilesOnUpload\": false}\n", false},
-        {R"({"deleteFilesOnUpload": "true"})", false},
         {std::string(3 << 20, '.') + "\n{\"deleteFilesOnUpload\": true}\n", true},
         {std::string((1 << 20) - 10, '.') + R"({"x":{"deleteFilesOnUpload":true}})" + "\n", false},
     };

