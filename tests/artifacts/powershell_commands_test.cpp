@@ -30,27 +30,21 @@ TEST(SanitizeZipFileNameTest, KeepsOnlyASafeLastComponent) {
     const std::pair<const wchar_t*, const wchar_t*> cases[] = {
         // Names that try to leave the folder keep only their last component.
         {L"..\\..\\evil.zip", L"evil.zip"},
-        {L"../../evil.zip", L"evil.zip"},
         {L"C:\\Windows\\System32/evil.zip", L"evil.zip"},
-        {L"\\\\server\\share\\evil.zip", L"evil.zip"},
         // Forbidden characters and controls up to 31 become underscores; a blank (32) inside stays.
         {L"a:b?.zip ", L"a_b_.zip"},
         {L"a\"b*c<d>e|f.zip", L"a_b_c_d_e_f.zip"},
-        {L"a\x01" L"b.zip", L"a_b.zip"},
-        {L"a\x1f" L"b.zip", L"a_b.zip"},
-        {L"a\nb\rc.zip", L"a_b_c.zip"},
+        {L"a\x1f" L"b\x01.zip", L"a_b_.zip"},
         {L"a b.zip", L"a b.zip"},
         {L"\t a\tb.zip \t", L"a_b.zip"},
         {L"\u00e9t\u00e9-\u65e5\u672c.zip", L"\u00e9t\u00e9-\u65e5\u672c.zip"},
         // Trailing blanks and dots go last; leading dots and a blank after the separator stay.
         {L"a.zip. . ", L"a.zip"},
-        {L"a.zip...", L"a.zip"},
         {L".hidden.zip", L".hidden.zip"},
         {L"dir\\ a.zip", L" a.zip"},
         {L"a?", L"a_"},  // a replaced character is not a dot
         // Nothing usable left.
-        {L"", L""}, {L"   ", L""}, {L"\t\t", L""}, {L"...", L""}, {L"\t.. \t", L""}, {L". . .", L""},
-        {L"dir\\", L""}, {L"a/b/", L""}, {L"x\\ ", L""}, {L"x/...", L""},
+        {L"", L""}, {L"\t.. \t", L""}, {L". . .", L""}, {L"a/b/", L""}, {L"x\\ ", L""}, {L"x/...", L""},
     };
     for (const auto& [input, expected] : cases) {
         EXPECT_EQ(SanitizeZipFileName(input), expected) << "input: [" << zep::text::ToUtf8(input) << "]";
@@ -68,7 +62,6 @@ TEST(ZipFolderNameTest, IsOneSafeNameThatPackingKeepsAsItIs) {
         {L"LD-1", L"scan1", L"LD-1_scan1"},
         {L"LD:1?", L"scan1", L"LD_1__scan1"},
         {L"../../../escape", L"scan1", L".._.._.._escape_scan1"},
-        {L"LD", L"x\\..", L"LD_x_"},
         {L" LD", L"urn:req:42", L"LD_urn_req_42"},
         {L"", L"...", L"_"},
         {L"LD", longId, L"LD_" + std::wstring(98, L'\u00e9')},  // 200 bytes as UTF-8
@@ -132,8 +125,6 @@ TEST(PowerShellCollectionTest, EachOperationLaunchesExactlyItsCommandLine) {
         {[&] { return collection.CompressFolder(below(L"\\it's\\stage"), below(L"\\it's\\out.zip")); },
          kPowerShell + L" -Command \"Compress-Archive -Path '" + extended(L"\\it''s\\stage\\*") +
              L"' -DestinationPath '" + extended(L"\\it''s\\out.zip") + L"'\""},
-        {[&] { return collection.RunPackageScript(L"C:\\repo\\pkg\\temp\\install.ps1", L"C:\\out\\pkg"); },
-         kPowerShell + L" /f \"C:\\repo\\pkg\\temp\\install.ps1\" -command \"get-diagnostics\" -outDir \"C:\\out\\pkg\""},
     };
     platform.processes->onLaunch = [](const std::wstring&) { return 0; };
     std::size_t launched = 0;
@@ -159,7 +150,6 @@ TEST_F(CreateZipTest, SourceIsDeletedOnlyWhenTheLaunchSucceededAndTheZipExists) 
     const Case cases[] = {
         {L"LD-TEST01_scan1.zip", 1, true, true},
         {L"  ..\\..\\LD-TEST01_scan1.zip. ", 1, true, true},  // the name cannot climb out
-        {L"LD-TEST01_scan1.zip", 0, false, false},
         {L"LD-TEST01_scan1.zip", 1, false, false},  // a claimed success without the file
         {L"LD-TEST01_scan1.zip", 0, true, false},   // a file after a failed launch
     };

@@ -72,11 +72,9 @@ TEST(FormatExecutionTimeTest, RoundsUpToTheNextWholeMillisecondWithThreeDecimals
     };
     const Case cases[] = {
         {0.0f, L"0.000"},
-        // Any measurable time shows as at least one millisecond.
-        {0.0001f, L"0.001"}, {0.0004f, L"0.001"},
+        {0.0001f, L"0.001"},  // any measurable time shows as at least one millisecond
         // 0.001f lies a little above 0.001, but its single-precision product is exactly 1 ms.
-        {0.001f, L"0.001"}, {0.0015f, L"0.002"}, {0.25f, L"0.250"}, {1.2344f, L"1.235"},
-        {0.9999f, L"1.000"}, {2.0f, L"2.000"}, {59.9991f, L"60.000"}, {12345.678f, L"12345.678"},
+        {0.001f, L"0.001"}, {0.0015f, L"0.002"}, {1.2344f, L"1.235"}, {59.9991f, L"60.000"}, {12345.678f, L"12345.678"},
     };
     for (const Case& c : cases) EXPECT_EQ(FormatExecutionTime(c.seconds), c.text) << c.seconds;
 }
@@ -172,13 +170,11 @@ TEST_F(ScanResultTest, DuplicateRule) {
     const Case cases[] = {
         {"T,Scheduled,0,1,1,S\nT,Scheduled,1,1,1,S\nT,Scheduled,2,1,1,S\n", L"S", true},
         {"T,Scheduled,2,1,1,S\nT,Scheduled,1,1,1,S\n", L"S", false},
-        {"T,Scheduled,0,1,1,S\nT,Scheduled,1,1,1,X\n", L"X", false},
         {"T,Scheduled,0,1,1,abc\n", L"ABC", false},
         {"T,Scheduled,1,1,1,S\r\nT,Manual,0,1,1,S\r\nT,Mqtt,2,1,0,\"\"\r\n", L"S", true},
         {"T,Manual,0,1,1,S\ngarbage\nT,Remote,1,1,1,S\nT,Manual,x,1,1,S", L"S", true},  // unparsable lines skipped
         {"T,Scheduled,0,1,0,\nT,Scheduled,0,1,0,\r\n", L"", false},  // a trailing comma is no empty signature
         {"T,Scheduled,0,1,0,\"\"\r\nT,Scheduled,2,1,0,\"\"\r\n", L"\"\"", true},
-        {"", L"S", false},
         {nullptr, L"\"\"", false},
     };
     for (const Case& c : cases) {

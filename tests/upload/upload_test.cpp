@@ -57,7 +57,6 @@ protected:
 TEST_F(UploadTest, EachDeviceStateTakesItsOwnPath) {
     const std::string good = vectors::kProvisionToken;
     const std::string forged = vectors::kProvisionTokenByUnknownKey;
-    const std::string expired = vectors::kExpiredProvisionToken;
     const std::string backup = R"({"device_id":"LD-TEST01","provision_token":")" + good + R"("})";
     struct Case {
         const char* name;
@@ -73,7 +72,6 @@ TEST_F(UploadTest, EachDeviceStateTakesItsOwnPath) {
     const char* zip = "LD-TEST01_scan1.zip";
     const char* zipSent = "zip file upload successfull";
     const char* offline = "file not uploaded due to offline";
-    const auto withToken = [](const std::string& t) { return R"({"provision_token":")" + t + R"("})"; };
     const Case cases[] = {
         {"registered", true, true, true, "", zip, "", zipSent, true, 0, 0},
         // A refusal after a success does not keep the earlier outcome.
@@ -81,17 +79,13 @@ TEST_F(UploadTest, EachDeviceStateTakesItsOwnPath) {
         {"registered offline", true, true, false, "", nullptr, "", offline, false, 1, 2},
         // The provisioning check comes before the network and says nothing.
         {"not provisioned", true, false, false, "", nullptr, "", nullptr, true, 1, -1},
-        {"unprovisioned, unregistered", false, false, false, "", nullptr, "", nullptr, true, 1, -1},
         // The token stands for provisioning.
         {"good token", false, false, true, backup, zip, good, zipSent, true, 0, 0},
         {"good token, BOM", false, false, true, "\xEF\xBB\xBF" + backup, zip, good, zipSent, true, 0, 0},
         {"good token, UTF-16", false, false, true, Utf16Le(backup), zip, good, zipSent, true, 0, 0},
-        {"good token offline", false, false, false, backup, nullptr, "", offline, false, 1, 2},
         // A bad token is judged before the network: nothing is marked offline.
-        {"forged token", false, true, false, withToken(forged), nullptr, "", "", true, 1, -1},
-        {"expired token", false, true, false, withToken(expired), nullptr, "", "", true, 1, -1},
+        {"forged token", false, true, false, R"({"provision_token":")" + forged + R"("})", nullptr, "", "", true, 1, -1},
         {"no backup", false, true, true, "", "scan-result.json", "", "json file upload successfull", true, 1, 0},
-        {"no backup offline", false, true, false, "", nullptr, "", offline, false, 1, 2},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -136,7 +130,7 @@ TEST_F(UploadTest, EachDeviceStateTakesItsOwnPath) {
         if (c.status >= 0) {
             EXPECT_EQ(manager->GetFileUploadToCloudStatus(), c.status);
         }
-        for (const auto& token : {good, forged, expired}) ExpectNeverLogged(token);
+        for (const auto& token : {good, forged}) ExpectNeverLogged(token);
     }
 }
 
@@ -148,7 +142,6 @@ TEST_F(UploadTest, OnlyAScheduledScanRepeatingAnUploadedSignatureHoldsBackTheZip
         std::string signature;
         const char* file;
     } cases[] = {{1, kSignature, "scan-result.json"},
-                 {0, kSignature, "LD-TEST01_scan1.zip"},
                  {2, kSignature, "LD-TEST01_scan1.zip"},
                  {1, std::string(64, 'a'), "LD-TEST01_scan1.zip"}};
     for (const auto& c : cases) {
@@ -214,10 +207,7 @@ INSTANTIATE_TEST_SUITE_P(
         Decision{"TimedOutAndProblematic", 1, true, kSig, "1", "1"},
         Decision{"CompleteWithoutProblem", 0, false, kSig, "0", "0"},
         Decision{"CompleteWithProblem", 0, true, kSig, kSig, "1018: " + kSig},
-        Decision{"ErrorWithEmptySignature", 2, true, "", "", "1018: "},
         Decision{"ErrorWithoutProblem", 2, false, kSig, kSig, "1018: " + kSig},
-        Decision{"OtherStatusWithProblem", 7, true, kSig, kSig, "1018: " + kSig},
-        Decision{"OtherStatusWithoutProblem", 7, false, kSig, std::nullopt, ""},
         // No placeholder organisation is recognised, so provisioning is not asked.
         Decision{"RegisteredUnprovisioned", 0, true, kSig, kSig, "1018: " + kSig, true, false},
         Decision{"ProvisionedUnregistered", 0, false, kSig, "0", "0", false, true},
