@@ -33,12 +33,6 @@ using ::testing::Not;
 
 constexpr auto kWait = 20s;  // for anything that involves a scan or a reconnect
 
-std::string JsonText(const Json::Value& value) {
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    return Json::writeString(builder, value);
-}
-
 // The envelope of a getDiagnostics request for the agent's own scan.
 std::string Request(const std::string& requestId) {
     return R"({"topicId": 3, "eventState": 0, "actionType": "run", "messageType": "getDiagnostics", "payload": )"
@@ -89,7 +83,7 @@ protected:
     fs::path NewDevice(const std::string& name, const Json::Value& policy = Json::Value(Json::objectValue)) {
         const fs::path device = root / name;
         EXPECT_EQ(RunToEnd({ZEPDIAG_PROGRAM, "init", "--device", device.string()}, root / "init.log"), 0);
-        std::ofstream(device / "platform-policy.json") << JsonText(policy);
+        std::ofstream(device / "platform-policy.json") << Json::writeString(Json::StreamWriterBuilder(), policy);
         return device;
     }
     static std::string Topic(const fs::path& device) {
@@ -130,7 +124,7 @@ TEST_F(ServeTest, ARequestOverMutualTlsIsScannedAndItsArchiveUploadedOverHttps) 
     // The service's own connection is the one the health test reports.
     Json::Value state = ParseJson(ReadText(device / "device.json"));
     state["notificationAgent"]["mqttState"] = 0;
-    std::ofstream(device / "device.json") << JsonText(state);
+    std::ofstream(device / "device.json") << Json::writeString(Json::StreamWriterBuilder(), state);
     const std::vector<std::string> identity{"--cert", pki.client.cert.string(), "--key", pki.client.key.string()};
     Service service(device, identity);
     ASSERT_TRUE(service.WaitForLog("subscribed to " + Topic(device))) << service.Log();
@@ -177,20 +171,6 @@ TEST_F(ServeTest, ARequestOverMutualTlsIsScannedAndItsArchiveUploadedOverHttps) 
     EXPECT_EQ(refused.Stop(), 0) << refused.Log();
 }
 
-TEST_F(ServeTest, ARefusedUploadIsRecordedAsNotUploaded) {
-    Broker broker(root, Broker::Mode::Plain);
-    ASSERT_TRUE(broker.Start());
-    UploadServer server(TestPki().server);
-    server.AnswerNext(429);
-    const fs::path device = NewDevice("device");
-    Service service(device, {"--broker", broker.Url(), "--upload-url", server.Url(), "--ca", TestPki().root.cert.string()});
-    ASSERT_TRUE(service.WaitForLog("subscribed to")) << service.Log();
-    ASSERT_TRUE(broker.Publish(Topic(device), Request("refused-1")));
-    EXPECT_EQ(LastStatus(device), "1") << service.Log();
-    EXPECT_THAT(service.Log(), HasSubstr("HTTP 429, Retry-After: 120 (result 429)"));
-    EXPECT_EQ(service.Stop(), 0) << service.Log();
-}
-
 // The upload deferred while its server was down completes on the device-online
 // notification that the reconnection after a broker restart delivers.
 TEST_F(ServeTest, ABrokerRestartDeliversDeviceOnlineAndTheDeferredUploadArrives) {
@@ -221,17 +201,20 @@ TEST_F(ServeTest, ABrokerRestartDeliversDeviceOnlineAndTheDeferredUploadArrives)
 }
 
 // Two services, each with a scan held by its package script (at most 20 s):
-// one SIGTERM lets the scan finish and exits with zero; a second signal ends
-// the service at once.
+// one SIGTERM lets the scan finish, its upload (refused here) included, and
+// exits with zero; a second signal ends the service at once.
 TEST_F(ServeTest, SigtermLetsTheScanFinishAndASecondSignalEndsAtOnce) {
     Broker broker(root, Broker::Mode::Plain);
     ASSERT_TRUE(broker.Start());
-    const auto heldService = [&](const std::string& name) {
+    UploadServer server(TestPki().server);
+    server.AnswerNext(429);
+    const auto heldService = [&](const std::string& name, std::vector<std::string> options) {
         const fs::path device = NewDevice(name);
         std::ofstream(device / "packages/com.quorin.vpnclient/temp/install.sh", std::ios::trunc)
             << "#!/bin/sh\ntouch '" << (device / "scan-started").string() << "'\ni=0\nwhile [ ! -e '"
             << (device / "release").string() << "' ] && [ $i -lt 200 ]; do sleep 0.1; i=$((i+1)); done\n";
-        auto service = std::make_unique<Service>(device, std::vector<std::string>{"--broker", broker.Url()});
+        options.insert(options.begin(), {"--broker", broker.Url()});
+        auto service = std::make_unique<Service>(device, options);
         EXPECT_TRUE(service->WaitForLog("subscribed to")) << service->Log();
         EXPECT_TRUE(broker.Publish(Topic(device), Request(name)));
         EXPECT_TRUE(Eventually([&] { return fs::exists(device / "scan-started"); }, kWait)) << service->Log();
@@ -241,17 +224,17 @@ TEST_F(ServeTest, SigtermLetsTheScanFinishAndASecondSignalEndsAtOnce) {
     };
     const auto release = [](const fs::path& device) { std::ofstream(device / "release") << ""; };
 
-    auto [held, service] = heldService("held-1");
+    auto [held, service] = heldService("held-1", {"--upload-url", server.Url(), "--ca", TestPki().root.cert.string()});
     ASSERT_TRUE(broker.Publish(Topic(held), Request("too-late")));
     EXPECT_EQ(service->Wait(500ms), std::nullopt);  // the scan holds it
     release(held);
     EXPECT_EQ(service->Wait(15s), 0) << service->Log();
     EXPECT_EQ(History(held).size(), 1u);
-    EXPECT_EQ(LastStatus(held), "0");  // uploaded before the broker connection went
-    EXPECT_TRUE(fs::exists(held / "outbox/0001/LD-4F2A9C_held-1.zip"));
+    EXPECT_EQ(LastStatus(held), "1");  // its upload was tried before the service went
+    EXPECT_THAT(service->Log(), HasSubstr("HTTP 429, Retry-After: 120 (result 429)"));
     EXPECT_THAT(service->Log(), HasSubstr("message dropped: the service is stopping"));
 
-    auto [ended, second] = heldService("held-2");
+    auto [ended, second] = heldService("held-2", {});
     second->Signal(SIGINT);
     EXPECT_EQ(second->Wait(3s), 128 + SIGINT) << second->Log();
     EXPECT_TRUE(History(ended).empty());
