@@ -7,11 +7,13 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/device/DeviceState.h"
@@ -187,6 +189,29 @@ TEST_F(DeviceFolderTest, EachUploadGetsTheNumberAfterTheHighest) {
     fs::create_directory(dir / "outbox/notes");
     ASSERT_EQ(Upload(), 0);
     EXPECT_TRUE(fs::is_regular_file(dir / "outbox/0013/LD-1_scan-7.zip"));
+}
+
+// Envs of their own share no lock: only the exclusive creation keeps folders apart.
+TEST_F(DeviceFolderTest, ConcurrentUploadsNeverShareAFolder) {
+    constexpr int kThreads = 8, kEach = 25;
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            const Env own = MakeDeviceFolderEnv(platform.root, platform.hub);
+            for (ready.fetch_add(1); ready.load() < kThreads;) std::this_thread::yield();  // start together
+            for (int i = 0; i < kEach; ++i) {
+                EXPECT_EQ(
+                    own.storage->UploadDiagResult(path::NarrowPath(zip), false, std::to_string(t * 100 + i), ""), 0);
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    std::set<std::string> metadata;
+    for (const auto& folder : Names(dir / "outbox")) {
+        metadata.insert(ReadText(dir / "outbox" / folder / "LD-1_scan-7.zip.metadata.json"));
+    }
+    EXPECT_EQ(metadata.size(), std::size_t{kThreads * kEach});
 }
 
 TEST_F(DeviceFolderTest, ForcedResultsAreTakenOneLinePerUploadAndNoTokenIsWritten) {
