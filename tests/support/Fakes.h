@@ -107,9 +107,8 @@ public:
 class ScriptedSettings : public platform::SettingsEnv {
 public:
     bool EnableCustomSettings() override { return enableCustomSettings; }
-    bool DisableJwtValidation() override { return disableJwtValidation; }
+    bool DisableJwtValidation() override { return false; }
     std::atomic<bool> enableCustomSettings{false};
-    std::atomic<bool> disableJwtValidation{false};
 };
 
 // The update policy's packages; their repositories lie under `repositoryRoot`.
