@@ -95,25 +95,5 @@ TEST(RegExportTest, WritesTheEditorsBytes) {
               zep::testing::Utf16Le(text));
 }
 
-// The export is read back as it was written: blanks that end or begin a key's
-// name, quotes, backslashes and brackets in names, text beyond ASCII.
-TEST(RegExportTest, ReadsBackAsWritten) {
-    MemoryRegistry reg;
-    reg.SetString(Hive::LocalMachine, kZep + L"\\Trailing ", L"name ", L" value ");
-    reg.SetDword(Hive::LocalMachine, kZep + L"\\ Leading\\x]y", L"q\"uote\\d", 7);
-    reg.SetString(Hive::LocalMachine, kZep + L"\\\u00dcnic\u00f6de \U0001F600", L"", L"C:\\Temp\\\"a\"");
-    const std::wstring text = RenderRegText(Hive::LocalMachine, reg.Snapshot(Hive::LocalMachine, kZep));
-
-    MemoryRegistry read;
-    int skipped = 0;
-    LoadRegText(read, DecodeRegFile(EncodeUtf16LeWithBom(text)), &skipped);
-    EXPECT_EQ(skipped, 0);
-    EXPECT_EQ(RenderRegText(Hive::LocalMachine, read.Snapshot(Hive::LocalMachine, kZep)), text);
-    std::wstring value;
-    ASSERT_TRUE(read.GetString(Hive::LocalMachine, kZep + L"\\Trailing ", L"name ", value));
-    EXPECT_EQ(value, L" value ");
-    EXPECT_FALSE(read.KeyExists(Hive::LocalMachine, kZep + L"\\Trailing"));
-}
-
 }  // namespace
 }  // namespace zep::platform

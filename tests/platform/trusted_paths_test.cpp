@@ -173,24 +173,5 @@ TEST_F(TrustedPathsTest, ReadsAreBoundedAndTailsStartAtALine) {
     EXPECT_EQ(text, "first line\nsecond\nthird\n");
 }
 
-TEST_F(TrustedPathsTest, AFolderHoldsFilesOnlyWhenAFileLiesBelowItNotThroughALink) {
-    fs::create_directories(Data() / "empty" / "deeper" / "still");
-    ASSERT_TRUE(testing::MakeFolderLink(Data() / "empty" / "deeper" / "to-victim", Victim()));
-    EXPECT_FALSE(FileSystem::folderHoldsFiles(Wide(Data() / "empty")));
-    EXPECT_FALSE(FileSystem::folderHoldsFiles(Wide(Data() / "missing")));
-    WriteText(Data() / "empty" / "deeper" / "still" / "one.log", "x");
-    EXPECT_TRUE(FileSystem::folderHoldsFiles(Wide(Data() / "empty")));
-}
-
-TEST_F(TrustedPathsTest, PathsOutsideTheRootsAreUsedAsGiven) {
-    // The caller named this folder: a link on the way to it is its business.
-    ASSERT_TRUE(testing::MakeFolderLink(platform.rootPath / "shortcut", Victim()));
-    std::string text;
-    EXPECT_TRUE(FileSystem::readFile(Wide(platform.rootPath / "shortcut" / "file.txt"), text));
-    EXPECT_EQ(text, "victim");
-    EXPECT_TRUE(FileSystem::createDirectory(Wide(platform.rootPath / "new" / "deeper"), true));
-    EXPECT_TRUE(fs::is_directory(platform.rootPath / "new" / "deeper"));
-}
-
 }  // namespace
 }  // namespace zep::platform

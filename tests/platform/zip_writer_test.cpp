@@ -83,7 +83,7 @@ std::string Archive(const std::vector<Item>& items, ZipLimits limits) {
     return out.bytes;
 }
 
-TEST(ZipWriterTest, TwoReadersReadEveryEntryAsWrittenInBothForms) {
+TEST(ZipWriterTest, TwoReadersReadEveryEntryOfAZip64ArchiveAsWritten) {
     const std::vector<Item> items = {
         {"ZEP/", ""},
         {"ZEP/Log/", ""},
@@ -97,27 +97,23 @@ TEST(ZipWriterTest, TwoReadersReadEveryEntryAsWrittenInBothForms) {
     zep::testing::TestPlatform platform;
     fs::create_directories(platform.rootPath);
 
-    // Low limits put every size, offset and count in its zip64 form.
-    for (const ZipLimits limits : {ZipLimits{}, ZipLimits{0, 0}}) {
-        SCOPED_TRACE(limits.field == 0 ? "zip64" : "plain");
-        const fs::path zip = platform.rootPath / (limits.field == 0 ? "zip64.zip" : "plain.zip");
-        zep::testing::WriteText(zip, Archive(items, limits));
-
-        std::set<std::string> names;
-        for (const Item& item : items) {
-            names.insert(item.name);
-            if (item.name.back() != '/') {
-                EXPECT_EQ(zep::testing::ZipRead(zip, item.name), item.content) << item.name;
-            }
+    // Low limits put every size, offset and count in its zip64 form (the plain
+    // form is what the log collection's tests read back).
+    const fs::path zip = platform.rootPath / "zip64.zip";
+    zep::testing::WriteText(zip, Archive(items, ZipLimits{0, 0}));
+    std::set<std::string> names;
+    for (const Item& item : items) {
+        names.insert(item.name);
+        if (item.name.back() != '/') {
+            EXPECT_EQ(zep::testing::ZipRead(zip, item.name), item.content) << item.name;
         }
-        EXPECT_EQ(zep::testing::ZipEntries(zip), names);
-
-#ifndef _WIN32
-        // The host's reader too (under Wine there is none to start).
-        const fs::path output = platform.rootPath / "reader.out";
-        EXPECT_EQ(zep::testing::RunToEnd({"unzip", "-tq", zip.string()}, output), 0) << zep::testing::ReadText(output);
-#endif
     }
+    EXPECT_EQ(zep::testing::ZipEntries(zip), names);
+#ifndef _WIN32
+    // The host's reader too (under Wine there is none to start).
+    const fs::path output = platform.rootPath / "reader.out";
+    EXPECT_EQ(zep::testing::RunToEnd({"unzip", "-tq", zip.string()}, output), 0) << zep::testing::ReadText(output);
+#endif
 }
 
 TEST(ZipWriterTest, AStreamedEntryThatOutgrowsItsBoundFailsInsteadOfLying) {
