@@ -1,42 +1,14 @@
 #include "platform/agent/CommonBase.h"
 
-#include <chrono>
 #include <random>
-#include <regex>
-#include <set>
 #include <string>
 
 #include <gtest/gtest.h>
 
-#include "platform/util/CivilTime.h"
 #include "platform/util/Paths.h"
 #include "support/TestPlatform.h"
 
 namespace {
-
-TEST(NewGuidTest, IsADistinctLowerCaseVersionFourGuidWithoutBraces) {
-    const std::wregex shape(L"[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
-    std::set<std::wstring> seen;
-    for (int i = 0; i < 1000; ++i) {
-        const std::wstring guid = CGuid::NewGuid(1);
-        EXPECT_TRUE(std::regex_match(guid, shape)) << guid;
-        seen.insert(guid);
-    }
-    EXPECT_EQ(seen.size(), 1000u);
-}
-
-TEST(CivilTimeTest, ParsesIso8601UtcAndRejectsAnythingElse) {
-    const auto expected = std::chrono::system_clock::time_point(std::chrono::milliseconds(1795256130000));
-    EXPECT_EQ(zep::civil::ParseIso8601Utc("2026-11-21T10:15:30Z"), expected);
-    EXPECT_EQ(zep::civil::ParseIso8601Utc("2026-11-21T10:15:30.750Z"), expected);
-    EXPECT_EQ(zep::civil::ParseIso8601Utc("2028-02-29T00:00:00Z"),
-              std::chrono::system_clock::time_point(std::chrono::seconds(1835395200)));
-    for (const char* garbage : {"", "2026-11-21T10:15:30", "2026-11-21T10:15:30+01:00", "20x6-11-21T10:15:30Z",
-                                "2026-13-21T10:15:30Z", "2026-11-32T10:15:30Z", "2026-11-21T24:00:00Z",
-                                "2026-11-21T10:15:30 garbage Z"}) {
-        EXPECT_FALSE(zep::civil::ParseIso8601Utc(garbage).has_value()) << garbage;
-    }
-}
 
 TEST(FileHashTest, DigestOfTheBytesUnderEverySpellingOfTheNameAndEmptyForAnythingElse) {
     zep::testing::TestPlatform platform;

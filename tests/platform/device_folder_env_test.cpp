@@ -30,7 +30,6 @@ using namespace std::chrono_literals;
 using zep::testing::ReadText;
 using zep::testing::WriteText;
 
-constexpr std::uintmax_t kRotationBytes = 5u * 1024u * 1024u;
 constexpr const char* kDemoManifest =
     R"({"id": "com.q.demo", "elevations": ["system", "elevated", "user"], "program": "run.sh"})";
 
@@ -65,9 +64,6 @@ protected:
         EXPECT_FALSE(env.settings->DisableJwtValidation());
         EXPECT_EQ(env.agents->GetNotificationAgent(), nullptr);
         EXPECT_FALSE(env.agents->GetCoreAdapter()->GetRegisteredCertificate().isPresent);
-    }
-    fs::path LogPath(const std::string& suffix = "") const {
-        return dir / "programdata" / "Log" / ("ZEPDiagnostics.log" + suffix);
     }
     int Upload() { return env.storage->UploadDiagResult(path::NarrowPath(zip), false, "{}", ""); }
 
@@ -143,53 +139,6 @@ TEST_F(DeviceFolderTest, FifosAndOversizedDocumentsReadAsAbsent) {
 }
 
 #endif
-
-TEST_F(DeviceFolderTest, DeviceJsonChangesArePickedUp) {
-    // Same size, rewritten in place: only the modification time tells.
-    WriteText(file, R"({"deviceId": "AAAA"})");
-    EXPECT_EQ(env.device->DeviceId(), L"AAAA");
-    const auto stamp = fs::last_write_time(file);
-    WriteText(file, R"({"deviceId": "BBBB"})");
-    fs::last_write_time(file, stamp + 1s);
-    EXPECT_EQ(env.device->DeviceId(), L"BBBB");
-    // Same size and time stamp, but a new file renamed over the old one.
-    Replace(file, R"({"deviceId": "CCCC"})");
-    fs::last_write_time(file, stamp + 1s);
-    EXPECT_EQ(env.device->DeviceId(), L"CCCC");
-    fs::remove(file);
-    ExpectAbsentDevice();
-}
-
-TEST_F(DeviceFolderTest, LogRotatesAtFiveMebibytesWithoutSplittingLinesAndKeepsMaxFiles) {
-    EXPECT_EQ(env.logs->OpenLog("../escape.log", 3), nullptr);
-    WriteText(LogPath(".1"), "file 1");
-    WriteText(LogPath(".2"), "file 2");
-    auto sink = env.logs->OpenLog("ZEPDiagnostics.log", 3);
-    ASSERT_NE(sink, nullptr);
-    const std::string line = std::string(1023, 'x') + "\n";
-    const std::uintmax_t lines = 6 * 1024;
-    for (std::uintmax_t i = 0; i < lines; ++i) sink->Write(line);
-    const auto rotated = fs::file_size(LogPath(".1"));
-    EXPECT_LE(rotated, kRotationBytes);
-    EXPECT_GT(rotated, kRotationBytes - line.size());
-    EXPECT_EQ(rotated % line.size(), 0u);
-    EXPECT_EQ(fs::file_size(LogPath()) + rotated, lines * line.size());
-    EXPECT_EQ(ReadText(LogPath(".2")), "file 1");
-    EXPECT_FALSE(fs::exists(LogPath(".3")));
-}
-
-TEST_F(DeviceFolderTest, EachUploadGetsTheNumberAfterTheHighest) {
-    ASSERT_EQ(Upload(), 0);
-    ASSERT_EQ(Upload(), 0);
-    EXPECT_EQ(Names(dir / "outbox"), (std::set<std::string>{"0001", "0002"}));
-    EXPECT_EQ(ReadText(dir / "outbox/0001/LD-1_scan-7.zip"), ReadText(zip));
-    // A gap is never filled, whatever else lies below.
-    fs::remove_all(dir / "outbox/0001");
-    fs::create_directory(dir / "outbox/0012");
-    fs::create_directory(dir / "outbox/notes");
-    ASSERT_EQ(Upload(), 0);
-    EXPECT_TRUE(fs::is_regular_file(dir / "outbox/0013/LD-1_scan-7.zip"));
-}
 
 // Envs of their own share no lock: only the exclusive creation keeps folders apart.
 TEST_F(DeviceFolderTest, ConcurrentUploadsNeverShareAFolder) {

@@ -17,10 +17,9 @@ using namespace std::chrono_literals;
 namespace vectors = zep::testing::vectors;
 using zep::jwt::Algorithm;
 
-// Base64url without padding: {"sub":"x"}, {"alg":"none"}, {}, "not json", [1].
+// Base64url without padding: {"sub":"x"}, {"alg":"none"}.
 constexpr const char* kSubX = "eyJzdWIiOiJ4In0";
 constexpr const char* kAlgNone = "eyJhbGciOiJub25lIn0";
-constexpr const char* kEmpty = "e30";
 
 struct Signed {  // "header.payload" and the decoded signature
     std::string input;
@@ -105,17 +104,6 @@ TEST_F(JwtTest, ValidityIsJudgedByThePlatformClock) {
     // Far from the real time, so only the fake clock can give this answer.
     platform.clock->SetSystemTime(std::chrono::system_clock::from_time_t(2'200'000'000));  // 2039
     EXPECT_FALSE(Verify(vectors::kExpiringIn2039));
-}
-
-TEST_F(JwtTest, SkippingValidationStillNeedsAWellFormedToken) {
-    EXPECT_TRUE(Verify(vectors::kByUnknownKeyExpired, true));
-    EXPECT_EQ(claims, R"({"exp":1795256030})");
-    const std::string body = kEmpty;
-    for (const std::string& bad : {std::string("a.b"), "bm90IGpzb24." + body + ".", body + ".WzFd.", body + "." + body + ".Zg==",
-                                   body + "." + body + "." + body + "." + body}) {
-        EXPECT_FALSE(Verify(bad, true)) << bad;
-        EXPECT_EQ(claims, "unchanged");
-    }
 }
 
 TEST_F(JwtTest, TheTokenNeverReachesTheLog) {

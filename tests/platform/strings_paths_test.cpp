@@ -14,26 +14,6 @@
 namespace zep {
 namespace {
 
-TEST(Utf8Test, InvalidInputDecodesToReplacementCharactersWithoutThrowing) {
-    for (const char* bytes : {"\xFF", "\x80", "\xE6\x97", "\xF0\x9F\x98", "\xC0\xAF", "\xED\xA0\x80",
-                              "\xF4\x90\x80\x80"}) {
-        SCOPED_TRACE(::testing::PrintToString(std::string(bytes)));
-        for (const bool atEnd : {false, true}) {
-            std::wstring wide;
-            ASSERT_NO_THROW(wide = text::FromUtf8("x" + std::string(bytes) + (atEnd ? "" : "y")));
-            ASSERT_GE(wide.size(), atEnd ? 2u : 3u);
-            EXPECT_EQ(wide.front(), L'x');
-            EXPECT_EQ(atEnd ? L'y' : wide.back(), L'y');
-            for (std::size_t i = 1; i + (atEnd ? 0u : 1u) < wide.size(); ++i) {
-                EXPECT_EQ(static_cast<unsigned>(wide[i]), 0xFFFDu) << "at " << i;
-            }
-            EXPECT_EQ(text::FromUtf8(text::ToUtf8(wide)), wide) << "what came out encodes cleanly again";
-        }
-    }
-    // A lone surrogate in wide text cannot be encoded either.
-    EXPECT_EQ(text::ToUtf8(std::wstring{L'a', static_cast<wchar_t>(0xDC00), L'b'}), "a\xEF\xBF\xBD" "b");
-}
-
 // Plug-in targets and component ids are compared and folded beyond ASCII,
 // whatever locale the host process has set.
 TEST(CaseTest, SimpleCaseMappingCoversUnicodeInAnyGlobalLocale) {
