@@ -1,12 +1,8 @@
-// The names of the archive and its staging folder, the command lines the Windows collection
-// launches (compared whole), and CreateZip through it: the staging folder goes only once the
-// archive is there.
 #include "artifacts/PowerShellCommands.h"
 #include "artifacts/ZipNames.h"
 
-#include <filesystem>
+#include <chrono>
 #include <functional>
-#include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -14,17 +10,14 @@
 #include "artifacts/PowerShellCollection.h"
 #include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
-#include "support/ManagerFixture.h"
 #include "support/TestPlatform.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using zep::artifacts::EscapeSingleQuotes;
 using zep::artifacts::PowerShellCollection;
 using zep::artifacts::SanitizeZipFileName;
 using zep::artifacts::ZipFolderName;
-using zep::path::ToFs;
 
 TEST(SanitizeZipFileNameTest, KeepsOnlyASafeLastComponent) {
     const std::pair<const wchar_t*, const wchar_t*> cases[] = {
@@ -51,8 +44,7 @@ TEST(SanitizeZipFileNameTest, KeepsOnlyASafeLastComponent) {
     }
 }
 
-// One name for staging, the archive and the upload: never outside the
-// latest folder, never empty, unchanged when packing sanitises it again.
+// One name for staging, the archive and the upload: packing must not change it.
 TEST(ZipFolderNameTest, IsOneSafeNameThatPackingKeepsAsItIs) {
     const std::wstring longId(300, L'\u00e9');
     struct Case {
@@ -125,6 +117,8 @@ TEST(PowerShellCollectionTest, EachOperationLaunchesExactlyItsCommandLine) {
         {[&] { return collection.CompressFolder(below(L"\\it's\\stage"), below(L"\\it's\\out.zip")); },
          kPowerShell + L" -Command \"Compress-Archive -Path '" + extended(L"\\it''s\\stage\\*") +
              L"' -DestinationPath '" + extended(L"\\it''s\\out.zip") + L"'\""},
+        {[&] { return collection.RunPackageScript(L"C:\\pkg\\install.ps1", L"C:\\out\\vpn"); },
+         kPowerShell + L" /f \"C:\\pkg\\install.ps1\" -command \"get-diagnostics\" -outDir \"C:\\out\\vpn\""},
     };
     platform.processes->onLaunch = [](const std::wstring&) { return 0; };
     std::size_t launched = 0;
@@ -135,52 +129,7 @@ TEST(PowerShellCollectionTest, EachOperationLaunchesExactlyItsCommandLine) {
         EXPECT_EQ(lines.back(), c.line);
     }
     EXPECT_EQ(platform.processes->lastHostContext, &hostToken);
-}
-
-
-class CreateZipTest : public zep::testing::ManagerTest {};
-
-TEST_F(CreateZipTest, SourceIsDeletedOnlyWhenTheLaunchSucceededAndTheZipExists) {
-    struct Case {
-        const wchar_t* name;
-        int verdict;
-        bool writesZip;
-        bool sourceDeleted;
-    };
-    const Case cases[] = {
-        {L"LD-TEST01_scan1.zip", 1, true, true},
-        {L"  ..\\..\\LD-TEST01_scan1.zip. ", 1, true, true},  // the name cannot climb out
-        {L"LD-TEST01_scan1.zip", 1, false, false},  // a claimed success without the file
-        {L"LD-TEST01_scan1.zip", 0, true, false},   // a file after a failed launch
-    };
-    int hostToken = 0;
-    platform.env.collection = std::make_shared<zep::artifacts::PowerShellCollection>(&hostToken);
-    platform.Reinstall();
-    peer->SetHostContext(&hostToken);
-    const std::wstring latest = platform.root + zep::path::NativePath(L"\\programdata\\diagnostics\\latest");
-    const std::wstring staging = latest + zep::path::NativePath(L"\\LD-TEST01_scan1");
-    const std::wstring zip = staging + L".zip";
-
-    std::size_t launched = 0;
-    for (const Case& c : cases) {
-        SCOPED_TRACE(zep::text::ToUtf8(c.name) + " verdict " + std::to_string(c.verdict));
-        fs::remove(ToFs(zip));
-        zep::testing::WriteText(ToFs(staging) / "ZEP" / "component-result.json", "{\"componentId\":\"ZEP\"}");
-        platform.processes->onLaunch = [&](const std::wstring&) {
-            if (c.writesZip) zep::testing::WriteText(ToFs(zip), "PK new");
-            return c.verdict;
-        };
-
-        manager->CreateZip(staging, latest, c.name);
-
-        const auto lines = platform.processes->CommandLines();
-        ASSERT_EQ(lines.size(), ++launched);
-        EXPECT_EQ(lines.back(), kPowerShell + L" -Command \"Compress-Archive -Path '" +
-                                    zep::testing::Extended(staging + zep::path::NativePath(L"\\*")) +
-                                    L"' -DestinationPath '" + zep::testing::Extended(zip) + L"'\"");
-        EXPECT_EQ(platform.processes->lastHostContext, &hostToken);
-        EXPECT_EQ(fs::exists(ToFs(staging)), !c.sourceDeleted);
-    }
+    EXPECT_EQ(platform.processes->lastCeiling, std::chrono::minutes(30));  // the child-process ceiling
 }
 
 }  // namespace

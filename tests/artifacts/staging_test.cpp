@@ -1,7 +1,4 @@
-// Staging and packing of one scan with the native collection: what the zip
-// holds, what is marked, and what is left behind.
 #include <filesystem>
-#include <iterator>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -71,21 +68,6 @@ TEST_F(StagingTest, ZipHoldsTheComponentsTheAgentsContextAndTheScanResult) {
 #endif
     EXPECT_TRUE(ParseJson(read("ZEP/component-result.json"))["artifactsProvided"].asBool());
     EXPECT_EQ(read("ZEP/Log/agent.log"), "{\"gw\":\"[REDACTED_IP]\"}\n");
-}
-
-// A logical device id from outside can neither move the staging folder out of
-// the latest folder nor give the archive a name that the upload then misses.
-TEST_F(StagingTest, TheLogicalDeviceIdNeitherEscapesNorSplitsTheZipsName) {
-    platform.device->logicalDeviceId = L"../../../escape";
-    WriteResult("ZEP");
-    manager->CreateZipFolder();
-    manager->UploadDiagnosticsResults();
-    const fs::path packed = latest / ".._.._.._escape_scan1.zip";
-    EXPECT_TRUE(fs::is_regular_file(packed));
-    ASSERT_EQ(platform.storage->Uploads().size(), 1u);
-    EXPECT_EQ(platform.storage->Uploads()[0].filePath, packed.string());
-    EXPECT_EQ(std::distance(fs::directory_iterator(latest), fs::directory_iterator()), 2)
-        << "the latest folder holds the zip and the scan result, no staging folder";
 }
 
 }  // namespace

@@ -22,7 +22,6 @@ using zep::platform::Hive;
 
 const std::wstring kSupportKey = L"SOFTWARE\\Quorin\\ZEP\\DeviceSupport";
 
-// The `actual` of the one test called `name`, or a marker when missing or duplicated.
 std::wstring ActualOf(const std::vector<Tests>& tests, const std::wstring& name) {
     std::wstring found = L"<missing>";
     for (const auto& test : tests) {
@@ -129,37 +128,30 @@ TEST_F(ZepGeneratorTest, MqttFailsOnlyForAnUnexpectedDisconnectOfEnabledMqtt) {
     EXPECT_EQ(ActualOf(Run(), L"mqtt_connection"), L"agentFactory is null");
 }
 
-// Other modules call the generator through the platform's copy of the class,
-// so its virtual slots must be the platform's: the interface's three, then
-// the checks directly, in their declared order.
+// Other modules call the generator through the platform's copy of the class: same slots.
 #if defined(__GNUC__) && !defined(_WIN32)
-// The vtable slot of a virtual member function under the Itanium C++ ABI; -1 for a non-virtual one.
+// Under the Itanium C++ ABI a pointer to a virtual member holds its vtable offset (plus one on x86).
 template <typename MemberFunction>
 std::ptrdiff_t VirtualSlot(MemberFunction function) {
-    struct { std::ptrdiff_t ptr, adj; } r{};
-    static_assert(sizeof(MemberFunction) == sizeof r);
-    std::memcpy(&r, &function, sizeof r);
-#if defined(__arm__) || defined(__aarch64__)
-    return (r.adj & 1) == 0 ? -1 : r.ptr / static_cast<std::ptrdiff_t>(sizeof(void*));
-#else
-    return (r.ptr & 1) == 0 ? -1 : (r.ptr - 1) / static_cast<std::ptrdiff_t>(sizeof(void*));
-#endif
+    std::ptrdiff_t words[2];
+    static_assert(sizeof(MemberFunction) == sizeof words);
+    std::memcpy(words, &function, sizeof words);
+    return words[0] / static_cast<std::ptrdiff_t>(sizeof(void*));
 }
 
-struct SlotProbe : ZEP::ZEPDiagnosticsGenerator {
-    using G = SlotProbe;
-    static std::vector<std::ptrdiff_t> Slots() {
-        return {VirtualSlot(&G::RunTests), VirtualSlot(&G::GetComponentId), VirtualSlot(&G::GetFriendlyName),
-                VirtualSlot(&G::CheckDeviceRegistration), VirtualSlot(&G::CheckTelemetrySyncXrsError),
-                VirtualSlot(&G::CheckTelemetrySyncRetryError), VirtualSlot(&G::CheckMqttStatus),
-                VirtualSlot(&G::CheckIfMqttRetriesExceeded), VirtualSlot(&G::CheckTelemetrySyncStatus),
-                VirtualSlot(&G::CheckRegistrationFailedWithXRSError), VirtualSlot(&G::CheckRegisteredCertificateIsValid),
-                VirtualSlot(&G::GetErrorStatusFromRegistry), VirtualSlot(&G::CheckXrsApiCertPinningStatus)};
-    }
-};
-
 TEST(ZepGeneratorLayoutTest, ChecksTakeTheSlotsRightAfterTheInterfaces) {
-    EXPECT_THAT(SlotProbe::Slots(), ElementsAre(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12));
+    struct G : ZEP::ZEPDiagnosticsGenerator {
+        static std::vector<std::ptrdiff_t> Slots() {
+            return {VirtualSlot(&G::RunTests), VirtualSlot(&G::GetComponentId), VirtualSlot(&G::GetFriendlyName),
+                    VirtualSlot(&G::CheckDeviceRegistration), VirtualSlot(&G::CheckTelemetrySyncXrsError),
+                    VirtualSlot(&G::CheckTelemetrySyncRetryError), VirtualSlot(&G::CheckMqttStatus),
+                    VirtualSlot(&G::CheckIfMqttRetriesExceeded), VirtualSlot(&G::CheckTelemetrySyncStatus),
+                    VirtualSlot(&G::CheckRegistrationFailedWithXRSError),
+                    VirtualSlot(&G::CheckRegisteredCertificateIsValid), VirtualSlot(&G::GetErrorStatusFromRegistry),
+                    VirtualSlot(&G::CheckXrsApiCertPinningStatus)};
+        }
+    };
+    EXPECT_THAT(G::Slots(), ElementsAre(0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12));
 }
 #endif
 

@@ -14,8 +14,7 @@ using zep::testing::ManagerTest;
 
 namespace {
 
-// Counts the scans between their first registry read (the time-out) and their
-// last (certificate pinning).
+// Counts the scans between their first registry read and their last.
 class ObservingRegistry : public zep::platform::MemoryRegistry {
 public:
     bool GetDword(Hive hive, const std::wstring& key, const std::wstring& name, DWORD& value) override {

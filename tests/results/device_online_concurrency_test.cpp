@@ -22,9 +22,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Holds a scan at its start (its first registry read) until released. The
-// network is down for that scan's thread and up for everyone else, so the scan
-// leaves its upload pending and only the resumed upload can send it.
+// Holds a scan at its start; offline for that scan only, so only the resume can send its zip.
 class HoldingRegistry : public zep::platform::MemoryRegistry, public zep::platform::NetworkEnv {
 public:
     bool GetDword(Hive hive, const std::wstring& key, const std::wstring& name, DWORD& value) override {

@@ -1,5 +1,3 @@
-// The documents of a scan: a component's result, the scan result, its problem signature
-// (and what it is hashed from), the duplicate rule and the execution time's format.
 #include "results/ProblemSignature.h"
 #include "results/ResultFormat.h"
 
@@ -52,19 +50,6 @@ TEST(SignatureInputTest, SortsFailedTestsWhateverTheReadingOrder) {
     } while (std::next_permutation(components.begin(), components.end()));
 }
 
-TEST(SignatureInputTest, ComponentsWithTheSameIdKeepTheirReadingOrder) {
-    // Enough equal keys that an unstable sort would visibly reorder them.
-    std::vector<Json::Value> components;
-    std::string expectedX, expectedY;
-    for (int i = 99; i >= 0; --i) {
-        const std::string id = i % 2 == 0 ? "X" : "Y";
-        const std::string test = "t" + std::to_string(i);
-        components.push_back(Component(id, {TestDoc(test, "fail")}));
-        (i % 2 == 0 ? expectedX : expectedY) += id + "," + test + "\n";
-    }
-    EXPECT_EQ(SummariseComponents(components, 0.0f).signatureInput, expectedX + expectedY);
-}
-
 TEST(FormatExecutionTimeTest, RoundsUpToTheNextWholeMillisecondWithThreeDecimals) {
     struct Case {
         float seconds;
@@ -102,7 +87,6 @@ protected:
     fs::path ScanFolder() const { return platform.rootPath / "temp" / "Quorin" / "Zep" / "scan1"; }
     fs::path History() const { return platform.rootPath / "programdata" / "diagnostics" / "scan-history.log"; }
 
-    // A component document with the given tests ("id", "result" pairs).
     void WriteComponent(const std::string& folder, const std::string& id, const std::string& seconds,
                         std::initializer_list<std::pair<const char*, const char*>> tests) {
         std::string text = R"({"componentId":")" + id + R"(","executionTimeSeconds":")" + seconds +

@@ -1,6 +1,3 @@
-// Uploading a scan's results: which file goes, with which token and metadata, and what the
-// manager remembers for the scan history; then the outcome as critical event 1018.
-#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -79,7 +76,6 @@ TEST_F(UploadTest, EachDeviceStateTakesItsOwnPath) {
         {"registered offline", true, true, false, "", nullptr, "", offline, false, 1, 2},
         // The provisioning check comes before the network and says nothing.
         {"not provisioned", true, false, false, "", nullptr, "", nullptr, true, 1, -1},
-        // The token stands for provisioning.
         {"good token", false, false, true, backup, zip, good, zipSent, true, 0, 0},
         {"good token, BOM", false, false, true, "\xEF\xBB\xBF" + backup, zip, good, zipSent, true, 0, 0},
         {"good token, UTF-16", false, false, true, Utf16Le(backup), zip, good, zipSent, true, 0, 0},
@@ -131,24 +127,6 @@ TEST_F(UploadTest, EachDeviceStateTakesItsOwnPath) {
             EXPECT_EQ(manager->GetFileUploadToCloudStatus(), c.status);
         }
         for (const auto& token : {good, forged}) ExpectNeverLogged(token);
-    }
-}
-
-TEST_F(UploadTest, OnlyAScheduledScanRepeatingAnUploadedSignatureHoldsBackTheZip) {
-    WriteText(Latest().parent_path() / "scan-history.log",
-              std::string("2026-11-20T10:00:00Z,Scheduled,0,1,2,") + kSignature + "\r\n");
-    const struct {
-        std::uint32_t trigger;
-        std::string signature;
-        const char* file;
-    } cases[] = {{1, kSignature, "scan-result.json"},
-                 {2, kSignature, "LD-TEST01_scan1.zip"},
-                 {1, std::string(64, 'a'), "LD-TEST01_scan1.zip"}};
-    for (const auto& c : cases) {
-        peer->triggerType() = c.trigger;
-        peer->problemSignature() = zep::text::FromUtf8(c.signature);
-        manager->UploadDiagnosticsResults();
-        EXPECT_EQ(platform.storage->Uploads().back().filePath, PathText(c.file)) << c.trigger << c.signature;
     }
 }
 
