@@ -9,7 +9,7 @@
 
 #include "platform/collect/LogScrubFile.h"
 #include "platform/util/Strings.h"
-#include "support/MemoryFiles.h"
+#include "support/HookedFiles.h"
 
 namespace zep::collect {
 namespace {

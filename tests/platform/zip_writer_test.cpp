@@ -12,7 +12,7 @@
 
 #include "platform/collect/Deflate.h"
 #include "platform/util/Crypto.h"
-#include "support/MemoryFiles.h"
+#include "support/HookedFiles.h"
 #include "support/TestPlatform.h"
 #include "support/ZipReader.h"
 #ifndef _WIN32
@@ -124,7 +124,7 @@ TEST(ZipWriterTest, AStreamedEntryThatOutgrowsItsBoundFailsInsteadOfLying) {
     EXPECT_FALSE(writer.EndFile(0, 0x1'0000'0000ull)) << "a size the header did not announce in zip64 form";
     EXPECT_FALSE(writer.Finish());
 
-    MemoryOutput full(40);
+    zep::testing::LimitedOutput full(std::make_unique<MemoryOutput>(), 40);
     ZipWriter small(full);
     EXPECT_TRUE(small.AddFolder("a/", 0)) << "buffered";
     EXPECT_FALSE(small.Finish()) << "a full disk fails the archive";

@@ -30,10 +30,6 @@ extendedKeyUsage = serverAuth
 [client]
 basicConstraints = CA:FALSE
 extendedKeyUsage = clientAuth
-[elsewhere]
-basicConstraints = CA:FALSE
-subjectAltName = DNS:elsewhere.example
-extendedKeyUsage = serverAuth
 )";
 
 class Maker {
@@ -92,7 +88,6 @@ Pki Make() {
     pki.server = maker.Signed("server", "/CN=localhost", "server", pki.root);
     pki.client = maker.Signed("client", "/CN=device", "client", pki.root);
     pki.selfSigned = maker.SelfSigned("self-signed", "/CN=localhost", "server");
-    pki.elsewhere = maker.Signed("elsewhere", "/CN=elsewhere.example", "elsewhere", pki.root);
     pki.rootThumbprint = maker.Sha1Thumbprint(pki.root);
     return pki;
 }

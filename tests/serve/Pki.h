@@ -1,6 +1,6 @@
 // Certificates made once per test binary with the openssl command, in a
-// temporary folder: a root CA with what it signs, a self-signed server
-// certificate, and one for another host name.
+// temporary folder: a root CA with what it signs and a self-signed server
+// certificate.
 #pragma once
 
 #include <filesystem>
@@ -19,7 +19,6 @@ struct Pki {
     KeyPair server;      // CN=localhost, for 127.0.0.1 and localhost, signed by root
     KeyPair client;      // CN=device, for client authentication, signed by root
     KeyPair selfSigned;  // CN=localhost for 127.0.0.1, its own issuer
-    KeyPair elsewhere;   // signed by root, but only for elsewhere.example
     std::string rootThumbprint;  // SHA-1 of root's DER as openssl prints it: "AB:CD:..."
 };
 

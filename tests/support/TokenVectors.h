@@ -48,8 +48,6 @@ extern const char kNotValidForAnotherSecond[];
 extern const char kEs256ExpiredASecondAgo[];
 // Claims {"exp":2199999999}.
 extern const char kExpiringIn2039[];
-// Claims {"exp":1795256030}, signed by the unknown RSA key.
-extern const char kByUnknownKeyExpired[];
 // RS256 provisioning tokens for the test device:
 // {"sub":"LD-TEST01","purpose":"provision","exp":4102444800} (2100), by the
 // trusted key and by the unknown key.

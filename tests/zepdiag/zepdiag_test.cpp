@@ -260,27 +260,4 @@ TEST_F(ZepdiagTest, UnusableCommandLinesExitWithTwo) {
     EXPECT_EQ(std::distance(fs::directory_iterator(root), fs::directory_iterator()), 1);
 }
 
-// The history prints what the module's ring holds, however large the file grew.
-TEST_F(ZepdiagTest, HistoryPrintsOnlyTheRingsLinesOfAHugeFile) {
-    ASSERT_EQ(Zepdiag({"init", "--device", device.string()}).code, 0);
-    std::ofstream history(zepdiag::ScanHistoryPath(device), std::ios::trunc);
-    for (int i = 1; i <= 200'000; ++i) history << "2026-01-01T00:00:00Z,Manual,0,1,0,sig" << i << "\n";
-    history.close();
-    const Outcome outcome = Zepdiag({"history", "--device", device.string()});
-    EXPECT_EQ(outcome.code, 0);
-    EXPECT_LT(outcome.out.size(), 30'000u);
-    EXPECT_THAT(outcome.out, HasSubstr("sig200000"));
-    EXPECT_THAT(outcome.out, HasSubstr("sig199901"));
-    EXPECT_THAT(outcome.out, ::testing::Not(HasSubstr("sig199900")));
-}
-
-// Settings that cannot work stop the service before it connects anywhere.
-#ifndef _WIN32
-TEST_F(ZepdiagTest, ServeRefusesSettingsItCannotUse) {
-    const Outcome noBroker = Zepdiag({"serve", "--device", device.string()});
-    EXPECT_EQ(noBroker.code, 2);
-    EXPECT_THAT(noBroker.err, HasSubstr("no broker"));
-}
-#endif
-
 }  // namespace
