@@ -1,8 +1,4 @@
-// Staging and packing of one scan with the native collection: what the zip
-// holds, what is marked, and what is left behind.
 #include <filesystem>
-#include <iterator>
-#include <utility>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,7 +8,6 @@
 #include "support/ZipReader.h"
 
 using ::testing::Contains;
-using ::testing::Not;
 using zep::testing::ParseJson;
 using zep::testing::ReadText;
 using zep::testing::WriteText;
@@ -73,46 +68,6 @@ TEST_F(StagingTest, ZipHoldsTheComponentsTheAgentsContextAndTheScanResult) {
 #endif
     EXPECT_TRUE(ParseJson(read("ZEP/component-result.json"))["artifactsProvided"].asBool());
     EXPECT_EQ(read("ZEP/Log/agent.log"), "{\"gw\":\"[REDACTED_IP]\"}\n");
-}
-
-// Without the agent's folder, or any temporary folder, what exists is still packed.
-TEST_F(StagingTest, WithoutTheAgentsFolderTheRestIsStillPacked) {
-    for (const bool otherComponent : {false, true}) {
-        if (otherComponent) WriteResult("com.quorin.vpn");
-        manager->CreateZipFolder();
-        const auto entries = ZipEntries(zip);
-        EXPECT_THAT(entries, Contains("scan-result.json"));
-        EXPECT_EQ(::testing::Value(entries, Contains("com.quorin.vpn/component-result.json")), otherComponent);
-        EXPECT_THAT(entries, Not(Contains("ZEP/context/zep.reg")));
-        EXPECT_FALSE(ArtifactsProvided()) << "neither context nor logs were collected";
-    }
-    EXPECT_TRUE(platform.log->Contains("DiagnosticsManager::CopyDataInZip: no temp scan folder to copy (missing): " +
-                                       temp.string()));
-    EXPECT_TRUE(platform.log->Contains("post-copy ZEP component folder missing (skipping ZEP log/context merge)"));
-    EXPECT_FALSE(fs::exists(temp));
-}
-
-// A logical device id from outside can neither move the staging folder out of
-// the latest folder nor give the archive a name that the upload then misses.
-TEST_F(StagingTest, TheLogicalDeviceIdNeitherEscapesNorSplitsTheZipsName) {
-    const std::pair<std::wstring, std::string> cases[] = {
-        {L"LD:1?", "LD_1__scan1.zip"},
-        {L"../../../escape", ".._.._.._escape_scan1.zip"},
-    };
-    for (const auto& [logicalId, zipName] : cases) {
-        platform.device->logicalDeviceId = logicalId;
-        WriteResult("ZEP");
-        manager->CreateZipFolder();
-        manager->UploadDiagnosticsResults();
-        EXPECT_TRUE(fs::is_regular_file(latest / zipName)) << zipName;
-        const auto uploads = platform.storage->Uploads();
-        ASSERT_FALSE(uploads.empty());
-        EXPECT_EQ(uploads.back().filePath, (latest / zipName).string());
-        EXPECT_EQ(std::distance(fs::directory_iterator(latest), fs::directory_iterator()), 2)
-            << "the latest folder holds the zip and the scan result, no staging folder";
-    }
-    EXPECT_FALSE(fs::exists(platform.rootPath / "escape_scan1"));
-    EXPECT_FALSE(fs::exists(platform.rootPath / "escape_scan1.zip"));
 }
 
 }  // namespace

@@ -1,27 +1,116 @@
-// One scan: the tests' order, scan names, the time-out, failures of the tests and of the scan.
+#include "manager/ScanName.h"
+
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "DiagnosticScanner/ZEPDiagnosticsGenerator.h"
-#include "platform/util/Paths.h"
 #include "platform/util/Strings.h"
 #include "support/ManagerFixture.h"
-#include "support/ZipReader.h"
 
 using namespace std::chrono_literals;
-using ::testing::ElementsAre;
 using zep::platform::Hive;
 using zep::testing::ManagerTest;
 
 namespace {
 
-// Its run takes as long (on the fake clock) as the test says, or fails as the test says.
+const std::wstring kZepPayload = ManagerTest::Payload("r1", R"(["zep"])");
+const char* kRateLimited = "DiagnosticsManager::OnNotification: getDiagnostics rate limit exceeded. minimum interval is";
+const wchar_t* kZepKey = L"SOFTWARE\\Quorin\\ZEP";
+
+using IntakeTest = ManagerTest;
+
+TEST_F(IntakeTest, OnlyRunGetDiagnosticsIsARequest) {
+    Deliver(Request(kZepPayload, L"Run"));  // action is case-sensitive
+    Deliver(Request(kZepPayload, L"run", L"getDiagnosticsNow"));
+    Deliver(ZEPNotificationData(3, 0, L"run", L"getDiagnostics", kZepPayload, false, true));  // an extension's
+    EXPECT_EQ(ZepScans(), 0u);
+
+    Deliver(Request(kZepPayload, L"run", L"GETDIAGNOSTICS"));  // the message type ignores case
+    EXPECT_EQ(ZepScans(), 1u);
+}
+
+TEST_F(IntakeTest, RateLimitIsTenMinutesMeasuredFromTheLastAcceptedRequest) {
+    Deliver(Request(kZepPayload));
+    platform.clock->Advance(9min + 59s);
+    Deliver(Request(kZepPayload));
+    EXPECT_EQ(ZepScans(), 1u);
+    EXPECT_EQ(platform.log->Count(std::string(kRateLimited) + " 10 minutes."), 1u);
+
+    platform.clock->Advance(1s);  // a refused request does not restart the interval
+    Deliver(Request(kZepPayload));
+    EXPECT_EQ(ZepScans(), 2u);
+    platform.clock->Advance(10min - 1ns);
+    Deliver(Request(kZepPayload));
+    EXPECT_EQ(ZepScans(), 2u);
+}
+
+TEST_F(IntakeTest, RegistryRateLimitCountsOnlyWithCustomSettings) {
+    platform.registry->SetDword(Hive::LocalMachine, kZepKey, L"GetDiagnosticsMqttRateLimit", 1);
+    Deliver(Request(kZepPayload));
+    platform.clock->Advance(2min);
+    Deliver(Request(kZepPayload));
+    EXPECT_EQ(ZepScans(), 1u) << "custom settings are off: the value must be ignored";
+
+    platform.settings->enableCustomSettings = true;
+    Deliver(Request(kZepPayload));
+    platform.clock->Advance(59s);
+    Deliver(Request(kZepPayload));
+    EXPECT_EQ(ZepScans(), 2u);
+    EXPECT_TRUE(platform.log->Contains(std::string(kRateLimited) + " 1 minutes."));
+
+    // 0 means "not set": the default stays in force.
+    platform.registry->SetDword(Hive::LocalMachine, kZepKey, L"GetDiagnosticsMqttRateLimit", 0);
+    platform.clock->Advance(5min);
+    Deliver(Request(kZepPayload));
+    EXPECT_EQ(ZepScans(), 2u);
+
+    // Minutes to a duration must not overflow into a short interval.
+    platform.registry->SetDword(Hive::LocalMachine, kZepKey, L"GetDiagnosticsMqttRateLimit", 0xFFFFFFFFu);
+    platform.clock->Advance(24h * 365);
+    Deliver(Request(kZepPayload));
+    EXPECT_EQ(ZepScans(), 2u);
+}
+
+// Anything unusable falls back to the agent's own scan; nothing of the previous request leaks.
+TEST_F(IntakeTest, PayloadsGiveRequestIdAndTargets) {
+    const std::string envelope = R"({"zep-message":{"action":{"cmd_param":)";
+    const struct {
+        std::string payload;
+        std::wstring requestId;
+        std::vector<std::wstring> targets;
+    } cases[] = {
+        {"{not json", L"", {L"zep"}},
+        {envelope + R"({"requestId":"ABC","target":["Zep","PluginX"]}}}})", L"abc", {L"pluginx", L"zep"}},
+        {envelope + R"({"requestId":"r","target":"pluginx"}}}})", L"r", {L"zep"}},
+        {envelope + R"({"requestId":"r","target":[]}}}})", L"r", {}},
+        {envelope + R"({"target":[1,"A",null,{"x":1},"a"]}}}})", L"", {L"a"}},
+        {envelope + R"({"requestId":42,"target":["zep"]}}}})", L"", {L"zep"}},
+        {envelope + R"({"requestId":"R2"}}}})", L"r2", {L"zep"}},
+        {envelope + R"(["requestId","x"]}}})", L"", {L"zep"}},
+        {R"({"zep-message":{"cmd_param":{"requestId":"x","target":["p"]}}})", L"", {L"zep"}},
+        {envelope + R"({"requestId":"\u00c9P-1","target":["\u00dcBER"]}}}})", L"\u00e9p-1", {L"\u00fcber"}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.payload);
+        ZEPNotificationData data(3, 0, L"run", L"getDiagnostics", zep::text::FromUtf8(c.payload));
+        DiagnosticsParams params;
+        params.requestId = L"stale";
+        params.targets.insert(L"stale");
+        manager->ParseDiagnosticsParameters(data, params);
+        EXPECT_EQ(params.requestId, c.requestId);
+        std::vector<std::wstring> targets(params.targets.begin(), params.targets.end());
+        std::sort(targets.begin(), targets.end());
+        EXPECT_EQ(targets, c.targets);
+    }
+}
+
 struct ScriptedGenerator : zep::diagnostics::IDiagnosticsGenerator {
     virtual ~ScriptedGenerator() = default;
     std::function<void()> during;
@@ -47,37 +136,9 @@ protected:
         manager->RunDiagnostics(generator, executionTime, result);
         return result;
     }
-    static std::vector<std::string> TestNames(const Json::Value& result) {
-        std::vector<std::string> names;
-        for (const auto& test : result["tests"]) names.push_back(test["friendlyName"].asString());
-        return names;
-    }
 };
 
-// The cloud reads the tests by position: the order is deliberate.
-TEST_F(OrchestrationTest, RegisteredDeviceRunsFiveTestsAndUnregisteredTwoInTheirOrder) {
-    platform.registry->SetDword(Hive::LocalMachine, L"SOFTWARE\\Quorin\\ZEP\\DeviceSupport", L"certPinningError", 0);
-    DiagnosticsParams params;
-    params.requestId = L"scan-a";
-    params.targets.insert(L"zep");
-    Scan(2, params);
-    Json::Value result = ComponentResult(L"scan-a");
-    EXPECT_THAT(TestNames(result), ElementsAre("registered_cert_valid", "mqtt_connection", "sync_success",
-                                               "device_registered", "xrs_api_cert_pinning"));
-    EXPECT_EQ(result["componentId"].asString(), "9A1B2C3D-4E5F-4A6B-8C7D-0123456789AB");
-    EXPECT_FALSE(result["isProblematic"].asBool());
-
-    platform.device->registered = false;
-    params.requestId = L"scan-b";
-    Scan(2, params);
-    result = ComponentResult(L"scan-b");
-    EXPECT_THAT(TestNames(result), ElementsAre("device_registered", "xrs_api_cert_pinning"));
-    EXPECT_TRUE(result["isProblematic"].asBool());
-}
-
-// Any id that the system can use as one file name names the scan (the cloud
-// matches the upload to its request by it); the rest, which could point the
-// scan's folders, later deleted recursively, elsewhere, get a GUID.
+// The cloud matches the upload by the id; one that is no file name could move the scan's folders.
 TEST_F(OrchestrationTest, RequestIdsThatAreOneFileNameNameTheScanAndTheRestGetAGuid) {
     struct Case {
         std::string json;       // the id as written in the payload
@@ -95,15 +156,8 @@ TEST_F(OrchestrationTest, RequestIdsThatAreOneFileNameNameTheScanAndTheRestGetAG
 #endif
     const Case cases[] = {
         {"urn:req:42", onlyOnPosix(L"urn:req:42")},
-        {"with blanks", L"with blanks"},
-        {std::string(129, 'a'), std::wstring(129, L'a')},
-        {std::string(255, 'b'), std::wstring(255, L'b')},
-        {"..", L""},
         {"../../victim", L""},
-        {"a/b", L""},
         {"x\\ny", L""},
-        {"\\u0085", L""},
-        {std::string(256, 'c'), L""},
         {twoByteLetters, twoByteName},
     };
     std::filesystem::create_directories(platform.rootPath / "victim");
@@ -121,7 +175,6 @@ TEST_F(OrchestrationTest, RequestIdsThatAreOneFileNameNameTheScanAndTheRestGetAG
         } else {
             EXPECT_EQ(name, c.scanName) << c.json;
         }
-        // Whatever its name, the scan's zip is found and uploaded.
         const auto uploads = platform.storage->Uploads();
         ASSERT_FALSE(uploads.empty()) << c.json;
         EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::u8path(uploads.back().filePath))) << c.json;
@@ -133,41 +186,30 @@ TEST_F(OrchestrationTest, RequestIdsThatAreOneFileNameNameTheScanAndTheRestGetAG
     EXPECT_TRUE(platform.log->Contains("request id '../../victim'"));
 }
 
-// Judged after the tests ran: exactly 60 s is in time, anything more is not.
-TEST_F(OrchestrationTest, TimeOutIsJudgedAfterTheTestsRan) {
-    std::wstring executionTime;
-    EXPECT_EQ(Run([&] { platform.clock->Advance(60s); }, executionTime), DiagnosticsManager::Complete);
-    EXPECT_EQ(executionTime, L"60.000");
-    EXPECT_EQ(peer->tests().size(), 2u);
-
-    EXPECT_EQ(Run([&] { platform.clock->Advance(60500ms); }, executionTime), DiagnosticsManager::ErrorTimeOut);
-    EXPECT_EQ(executionTime, L"0");
-    EXPECT_TRUE(peer->tests().empty());
-
-    EXPECT_EQ(Run([&] { platform.clock->Advance(1234400us); }, executionTime), DiagnosticsManager::Complete);
-    EXPECT_EQ(executionTime, L"1.235");
+// Judged after the tests ran: exactly 60 s is in time. Either failure drops the tests' results.
+TEST_F(OrchestrationTest, TimeOutAndExceptionsOfTheTests) {
+    const struct {
+        std::function<void()> during;
+        DiagnosticsManager::ResultType result;
+        const wchar_t* executionTime;
+        const char* log;  // nullptr: none
+    } cases[] = {
+        {[&] { platform.clock->Advance(60s); }, DiagnosticsManager::Complete, L"60.000", nullptr},
+        {[&] { platform.clock->Advance(60500ms); }, DiagnosticsManager::ErrorTimeOut, L"0", nullptr},
+        {[] { throw std::runtime_error("adapter gone"); }, DiagnosticsManager::ErrorGeneral, L"0",
+         "DiagnosticsManager::RunDiagnostics: exception during tests running adapter gone"},
+        {[] { throw 42; }, DiagnosticsManager::ErrorGeneral, L"0", "exception during tests running unknown exception"},
+    };
+    for (std::size_t i = 0; i < std::size(cases); ++i) {
+        const auto& c = cases[i];
+        std::wstring executionTime;
+        EXPECT_EQ(Run(c.during, executionTime), c.result) << "case " << i;
+        EXPECT_EQ(executionTime, c.executionTime) << "case " << i;
+        EXPECT_EQ(peer->tests().size(), c.result == DiagnosticsManager::Complete ? 2u : 0u) << "case " << i;
+        if (c.log) { EXPECT_TRUE(platform.log->Contains(c.log)) << "case " << i; }
+    }
 }
 
-TEST_F(OrchestrationTest, ExceptionsFromTheTestsBecomeErrorGeneral) {
-    std::wstring executionTime;
-    EXPECT_EQ(Run([] { throw std::runtime_error("adapter gone"); }, executionTime), DiagnosticsManager::ErrorGeneral);
-    EXPECT_EQ(executionTime, L"0");
-    EXPECT_TRUE(peer->tests().empty());
-    EXPECT_TRUE(platform.log->Contains("DiagnosticsManager::RunDiagnostics: exception during tests running adapter gone"));
-
-    EXPECT_EQ(Run([] { throw 42; }, executionTime), DiagnosticsManager::ErrorGeneral);
-    EXPECT_TRUE(platform.log->Contains("exception during tests running unknown exception"));
-}
-
-TEST_F(OrchestrationTest, MqttScanWithoutParamsDoesNothing) {
-    peer->isProblematic() = true;
-    manager->GenerateDiagnostics(2, std::nullopt);
-    EXPECT_TRUE(platform.log->Contains("No Diagnostic params found"));
-    EXPECT_EQ(ZepScans(), 0u);
-    EXPECT_TRUE(peer->isProblematic()) << "nothing is reset";
-}
-
-// Its first read of the time-out throws something that is not a std::exception.
 struct FailingOnceRegistry : zep::platform::MemoryRegistry {
     std::atomic<bool> failed{false};
     bool GetDword(Hive hive, const std::wstring& key, const std::wstring& name, DWORD& value) override {
@@ -188,39 +230,38 @@ TEST_F(OrchestrationTest, AnythingThrownOutOfAScanIsCaughtAndTheNextScanRuns) {
     EXPECT_EQ(ZepScans(), 1u);
 }
 
-// A package may write anything. A time that is not a number ends the summary
-// (no scan-result.json) but not the scan: what was staged is still zipped and
-// the scan lock is free for the next scan. A nesting bomb is just malformed.
-TEST_F(OrchestrationTest, HostilePackageDocumentsEndTheSummaryButNotTheScan) {
-    ZEP_REQUIRE_SHELL_PACKAGE_SCRIPTS();
-    platform.policy->Add(L"com.quorin.vpn", L"VPN");
-    zep::testing::WriteText(platform.rootPath / "packages" / "com.quorin.vpn" / "temp" / "install.sh", "");
-    std::string document = R"({"componentId":"com.quorin.vpn","executionTimeSeconds":"abc","tests":[]})";
-    platform.processes->onSpawn = [&document](const zep::platform::ProcessRequest& request) {
-        const auto out = zep::path::ToFs(request.argv.back());
-        zep::testing::WriteText(out / "component-result.json", document);
-        zep::testing::WriteText(out / "bomb.json", std::string(100000, '['));
-        zep::platform::ProcessResult result;
-        result.started = true;
-        result.exitCode = 0;
-        return result;
+std::wstring Repeated(const std::wstring& text, int count) {
+    std::wstring out;
+    for (int i = 0; i < count; ++i) out += text;
+    return out;
+}
+
+TEST(ScanNameTest, EachSystemsFileNameRules) {
+    const struct {
+        std::wstring name;
+        bool posix;
+        bool windows;
+    } cases[] = {
+        {L"urn:req:42", true, false},
+        {L"\u00e9t\u00e9 \U0001F600", true, true},
+        {std::wstring(255, L'a'), true, true},
+        {std::wstring(256, L'a'), false, false},
+        {std::wstring(128, L'\u00e9'), false, true},  // 256 bytes as UTF-8, 128 UTF-16 units
+        {Repeated(L"\U0001F600", 128), false, false},  // 512 bytes, 256 units
+        {L"Nul .log", true, false},
+        {L"COM\u00b9", true, false},
+        {L"COM10", true, true},
+        {L"..", false, false},
+        {L"...", true, false},
+        {L"a/b", false, false},
+        {L"x\ny", false, false},
+        {std::wstring{L'a', static_cast<wchar_t>(0xDC80)}, false, false},
     };
-    DiagnosticsParams params;
-    params.requestId = L"bad1";
-    params.targets.insert(L"zep");
-    Scan(2, params);
-
-    const auto latest = platform.rootPath / "programdata" / "diagnostics" / "latest";
-    EXPECT_TRUE(platform.log->Contains("DiagnosticsManager::GenerateScanResultInJson: Exception Occurred: stof"));
-    EXPECT_FALSE(std::filesystem::exists(latest / "scan-result.json"));
-    const auto entries = zep::testing::ZipEntries(ZipPath(L"bad1"));
-    EXPECT_EQ(entries.count("com.quorin.vpn/component-result.json"), 1u);
-    EXPECT_EQ(entries.count("ZEP/component-result.json"), 1u);
-
-    document = R"({"componentId":"com.quorin.vpn","executionTimeSeconds":"0.5","tests":[]})";
-    params.requestId = L"good2";
-    Scan(2, params);
-    EXPECT_THAT(zep::testing::ReadText(latest / "scan-result.json"), ::testing::HasSubstr("\"id\" : \"good2\""));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(zep::text::ToUtf8(c.name));
+        EXPECT_EQ(zep::manager::IsOneFileName(c.name, zep::manager::NameRules::Posix), c.posix);
+        EXPECT_EQ(zep::manager::IsOneFileName(c.name, zep::manager::NameRules::Windows), c.windows);
+    }
 }
 
 }  // namespace

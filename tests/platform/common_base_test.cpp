@@ -1,54 +1,34 @@
 #include "platform/agent/CommonBase.h"
 
-#include <chrono>
-#include <regex>
-#include <set>
+#include <random>
 #include <string>
-#include <utility>
 
 #include <gtest/gtest.h>
 
-#include "platform/util/CivilTime.h"
+#include "platform/util/Paths.h"
+#include "support/TestPlatform.h"
 
 namespace {
 
-TEST(NewGuidTest, IsADistinctLowerCaseVersionFourGuidWithoutBraces) {
-    const std::wregex shape(L"[0-9a-f]{8}-[0-9a-f]{4}-4[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}");
-    std::set<std::wstring> seen;
-    for (int i = 0; i < 1000; ++i) {
-        const std::wstring guid = CGuid::NewGuid(1);
-        EXPECT_TRUE(std::regex_match(guid, shape)) << guid;
-        seen.insert(guid);
-    }
-    EXPECT_EQ(seen.size(), 1000u);
-}
-
-TEST(Sha256Test, KnownDigestsInLowerCaseHex) {
-    const std::pair<std::string, std::string> cases[] = {
-        {"abc", "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"},
-        {"", "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
-        {std::string("a\0b", 3), "59b271ae1bbcb1d31d41929817f4b16fb439eb4f31520b5ad1d5ce98920a7138"},
+TEST(FileHashTest, DigestOfTheBytesUnderEverySpellingOfTheNameAndEmptyForAnythingElse) {
+    zep::testing::TestPlatform platform;
+    const auto hash = [&](const char* file, const wchar_t* name) {
+        return utility::GetFileHash(zep::path::FromFs(platform.rootPath / file), name);
     };
-    for (const auto& [input, expected] : cases) {
-        std::string digest = "stale text from an earlier call";
-        EXPECT_EQ(CoreUtility::CreateSHA256Hash(digest, input), 0ul);
-        EXPECT_EQ(digest, expected) << input;
+    zep::testing::WriteText(platform.rootPath / "abc.txt", "abc");
+    for (const wchar_t* name : {L"SHA-256", L"sha256"}) {
+        EXPECT_EQ(hash("abc.txt", name), L"ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad") << name;
     }
-}
+    for (const wchar_t* name : {L"", L"MD5", L"SHA-2566"}) EXPECT_EQ(hash("abc.txt", name), L"");
+    EXPECT_EQ(hash("missing.zip", L"SHA-256"), L"");
+    EXPECT_EQ(utility::GetFileHash(platform.root, L"SHA-256"), L"") << "a folder";
 
-TEST(CivilTimeTest, ParsesIso8601UtcAndRejectsAnythingElse) {
-    const auto expected = std::chrono::system_clock::time_point(std::chrono::milliseconds(1795256130000));
-    EXPECT_EQ(zep::civil::ParseIso8601Utc("2026-11-21T10:15:30Z"), expected);
-    EXPECT_EQ(zep::civil::ParseIso8601Utc("2026-11-21T10:15:30.750Z"), expected);
-    EXPECT_EQ(zep::civil::ParseIso8601Utc("2028-02-29T00:00:00Z"),
-              std::chrono::system_clock::time_point(std::chrono::seconds(1835395200)));
-    for (const char* garbage :
-         {"", "garbage", "2026-11-21", "2026-11-21T10:15:30", "2026-11-21 10:15:30Z", "2026-11-21T10:15:30+01:00",
-          "20x6-11-21T10:15:30Z", "2026-1-21T10:15:30Z", "2026-00-21T10:15:30Z", "2026-13-21T10:15:30Z",
-          "2026-11-00T10:15:30Z", "2026-11-32T10:15:30Z", "2026-11-21T24:00:00Z", "2026-11-21T10:60:00Z",
-          "2026-11-21T10:15:61Z", "-026-11-21T10:15:30Z", "2026-11-21T10:15:30 garbage Z"}) {
-        EXPECT_FALSE(zep::civil::ParseIso8601Utc(garbage).has_value()) << garbage;
-    }
+    // Many chunks and a short last one; the digest is sha256sum's (std::mt19937 is the same everywhere).
+    std::string bytes(3 * 1024 * 1024 + 13, '\0');
+    std::mt19937 random(42);
+    for (char& c : bytes) c = static_cast<char>(random());
+    zep::testing::WriteText(platform.rootPath / "big.zip", bytes);
+    EXPECT_EQ(hash("big.zip", L"SHA-256"), L"db8455125c23305fc5a52444afcf3ad746b9349d1cad6049fcec074d465ddba3");
 }
 
 }  // namespace

@@ -1,13 +1,9 @@
 #include "platform/device/PlatformPolicyFile.h"
 
-#include <cstddef>
-#include <iterator>
 #include <list>
 #include <string>
-#include <utility>
 
 #include <gtest/gtest.h>
-
 
 namespace {
 
@@ -27,50 +23,6 @@ TEST(PlatformPolicyFileTest, ListsKeepOrderAndDuplicatesAndAWrongTypeLeavesOnlyT
 
     EXPECT_TRUE(zep::platform::ParsePlatformPolicy(R"({"jws_pubkey": ["K1"]} x)").jws_pubkey().empty())
         << "a malformed file gives nothing";
-}
-
-// The platform's record in its declared order: the module's copy is shared
-// with modules built against the platform's headers and must match it.
-struct PlatformRecord {
-    std::wstring config_pull_triggers, enterprise_auth_baseuri, consumer_auth_baseuri, api_baseuri, discover_uri,
-        mqtt_baseuri, api_mtls_uri, api_geo_baseuri, mqtt_mtls_uri, mqtt_chain_pem64, device_auth_type;
-    std::list<std::wstring> jws_pubkey, tls_rootca_thumbprint_list, tls_leaf_cn_list, device_subscription_list;
-    bool allow_self_signed_cert = false;
-    std::wstring platform_policy_url;
-};
-
-template <typename Record, typename Field>
-std::ptrdiff_t OffsetIn(const Record& record, const Field& field) {
-    return reinterpret_cast<const char*>(&field) - reinterpret_cast<const char*>(&record);
-}
-
-// Reaches the one protected field, the URL.
-struct PolicyProbe : PlatformPolicy {
-    std::ptrdiff_t UrlOffset() const { return OffsetIn<PlatformPolicy>(*this, platform_policy_url_); }
-};
-
-TEST(PlatformPolicyTest, FieldsLieInTheRecordsOrderWithTheUrlLast) {
-    const PolicyProbe policy;
-    const PlatformRecord record;
-    EXPECT_EQ(sizeof(PlatformPolicy), sizeof(PlatformRecord));
-    // The fields that the getters hand out by reference pin the rest between them.
-    const std::pair<std::ptrdiff_t, std::ptrdiff_t> offsets[] = {
-        {OffsetIn<PlatformPolicy>(policy, policy.api_baseuri()), OffsetIn(record, record.api_baseuri)},
-        {OffsetIn<PlatformPolicy>(policy, policy.discover_uri()), OffsetIn(record, record.discover_uri)},
-        {OffsetIn<PlatformPolicy>(policy, policy.api_mtls_uri()), OffsetIn(record, record.api_mtls_uri)},
-        {OffsetIn<PlatformPolicy>(policy, policy.api_geo_baseuri()), OffsetIn(record, record.api_geo_baseuri)},
-        {OffsetIn<PlatformPolicy>(policy, policy.mqtt_mtls_uri()), OffsetIn(record, record.mqtt_mtls_uri)},
-        {OffsetIn<PlatformPolicy>(policy, policy.jws_pubkey()), OffsetIn(record, record.jws_pubkey)},
-        {OffsetIn<PlatformPolicy>(policy, policy.tls_rootca_thumbprint_list()),
-         OffsetIn(record, record.tls_rootca_thumbprint_list)},
-        {OffsetIn<PlatformPolicy>(policy, policy.tls_leaf_cn_list()), OffsetIn(record, record.tls_leaf_cn_list)},
-        {OffsetIn<PlatformPolicy>(policy, policy.device_subscription_list()),
-         OffsetIn(record, record.device_subscription_list)},
-        {policy.UrlOffset(), OffsetIn(record, record.platform_policy_url)},
-    };
-    for (std::size_t i = 0; i < std::size(offsets); ++i) {
-        EXPECT_EQ(offsets[i].first, offsets[i].second) << "field " << i;
-    }
 }
 
 }  // namespace

@@ -72,21 +72,6 @@ TEST(PosixProcessSpawn, PassesArgumentsByteForByteWithoutAShell) {
     EXPECT_EQ(result.output, "<a  b><\"q\" 'x'><*><$HOME><><back\\slash><a;b|c><" + latin1 + ">");
 }
 
-TEST(PosixProcessSpawn, KeepsOnlyTheLastBytesOfTheOutputWhenLimited) {
-    // 500 lines of ten bytes: "000000000\n" to "000000499\n".
-    const std::wstring script = L"i=0; while [ $i -lt 500 ]; do printf '%09d\\n' $i; i=$((i+1)); done";
-    for (const std::size_t limit : {std::size_t{0}, std::size_t{1000}, std::size_t{5000}}) {
-        ProcessRequest request = Command({L"/bin/sh", L"-c", script}, true);
-        request.maxOutputBytes = limit;
-        const ProcessResult result = PosixProcess().Spawn(request);
-        const std::size_t kept = limit == 0 ? 5000 : limit;
-        ASSERT_EQ(result.output.size(), kept) << limit;
-        EXPECT_EQ(result.output.substr(0, 10), limit == 1000 ? "000000400\n" : "000000000\n");
-        EXPECT_EQ(result.output.substr(kept - 10), "000000499\n");
-        EXPECT_EQ(result.outputTruncated, limit == 1000) << limit;
-    }
-}
-
 TEST(PosixProcessTimeout, KillsTheWholeGroupEvenWhileTheChildKeepsWriting) {
     const auto start = Clock::now();
     const ProcessResult result = PosixProcess().Spawn(

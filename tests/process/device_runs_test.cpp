@@ -110,34 +110,9 @@ protected:
     fs::path output;
 };
 
-// Two runs at once on one device: each upload carries its own scan's result,
-// and each scan has its history line.
-TEST_F(DeviceRunsTest, TwoRunsAtOnceNeverShareTheirDocuments) {
-    constexpr int kTrials = 8;
-    for (int trial = 0; trial < kTrials; ++trial) {
-        Zepdiag first({"scan", "--device", device.string()}, platform.rootPath / "first.out");
-        Zepdiag second({"scan", "--device", device.string()}, platform.rootPath / "second.out");
-        ASSERT_EQ(first.Wait(), 0) << ReadText(platform.rootPath / "first.out");
-        ASSERT_EQ(second.Wait(), 0) << ReadText(platform.rootPath / "second.out");
-    }
-    const auto uploads = Uploads();
-    ASSERT_EQ(uploads.size(), 2u * kTrials);
-    EXPECT_EQ(HistoryLines(), 2u * kTrials);
-    std::set<std::string> scans;
-    for (const auto& folder : uploads) {
-        const fs::path zip = folder / ParseJson(ReadText(folder / "upload.json"))["file"].asString();
-        const Json::Value metadata = ParseJson(ReadText(fs::path(zip.string() + ".metadata.json")));
-        const Json::Value packed = ParseJson(ZipRead(zip, "scan-result.json").value_or(""));
-        ASSERT_TRUE(metadata.isObject() && packed.isObject()) << zip;
-        const std::string id = metadata["context"]["id"].asString();
-        EXPECT_EQ(packed["id"].asString(), id) << zip;
-        EXPECT_NE(zip.filename().string().find(id), std::string::npos) << "the zip is named after its own scan";
-        scans.insert(id);
-    }
-    EXPECT_EQ(scans.size(), 2u * kTrials);
-}
-
-TEST_F(DeviceRunsTest, ASecondRunWaitsForTheFirstOrLeavesAtOnceWithNoWait) {
+// Runs on one device take its lock in turn: with --no-wait a second run leaves
+// at once; two that wait each upload their own scan's result and history line.
+TEST_F(DeviceRunsTest, RunsTakeTheDevicesLockInTurnAndNeverShareTheirDocuments) {
     const auto folder = platform::DefaultEnv().files->OpenFolder(device.wstring());
     ASSERT_NE(folder, nullptr);
     auto held = folder->Lock(L".zepdiag.lock", false);
@@ -146,13 +121,30 @@ TEST_F(DeviceRunsTest, ASecondRunWaitsForTheFirstOrLeavesAtOnceWithNoWait) {
     EXPECT_EQ(RunZepdiag({"scan", "--no-wait", "--device", device.string()}, output), 3);
     EXPECT_THAT(ReadText(output), ::testing::HasSubstr("is in use by another zepdiag run"));
 
-    Zepdiag waiting({"scan", "--device", device.string()}, output);
+    Zepdiag first({"scan", "--device", device.string()}, platform.rootPath / "first.out");
+    Zepdiag second({"scan", "--device", device.string()}, platform.rootPath / "second.out");
     std::this_thread::sleep_for(300ms);
-    EXPECT_TRUE(waiting.Running());
+    EXPECT_TRUE(first.Running() && second.Running());
     EXPECT_FALSE(fs::exists(device / "outbox"));
     held.reset();
-    EXPECT_EQ(waiting.Wait(), 0);
-    EXPECT_EQ(Uploads().size(), 1u);
+    ASSERT_EQ(first.Wait(), 0) << ReadText(platform.rootPath / "first.out");
+    ASSERT_EQ(second.Wait(), 0) << ReadText(platform.rootPath / "second.out");
+
+    const auto uploads = Uploads();
+    ASSERT_EQ(uploads.size(), 2u);
+    EXPECT_EQ(HistoryLines(), 2u);
+    std::set<std::string> scans;
+    for (const auto& upload : uploads) {
+        const fs::path zip = upload / ParseJson(ReadText(upload / "upload.json"))["file"].asString();
+        const Json::Value metadata = ParseJson(ReadText(fs::path(zip.string() + ".metadata.json")));
+        const Json::Value packed = ParseJson(ZipRead(zip, "scan-result.json").value_or(""));
+        ASSERT_TRUE(metadata.isObject() && packed.isObject()) << zip;
+        const std::string id = metadata["context"]["id"].asString();
+        EXPECT_EQ(packed["id"].asString(), id) << zip;
+        EXPECT_NE(zip.filename().string().find(id), std::string::npos) << "the zip is named after its own scan";
+        scans.insert(id);
+    }
+    EXPECT_EQ(scans.size(), 2u);
 }
 
 // SIGKILL at random moments of a scan, 200 times: whatever the moment,

@@ -1,9 +1,9 @@
 // A resumed upload never overlaps a scan: the device-online notification waits
 // for the running scan and then sees the history line that scan wrote.
 #include <chrono>
-#include <condition_variable>
+#include <atomic>
 #include <filesystem>
-#include <mutex>
+#include <future>
 #include <string>
 #include <thread>
 
@@ -22,55 +22,24 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// Holds a scan at its start (its first registry read) until released, and
-// remembers the scan's thread.
-class HoldingRegistry : public zep::platform::MemoryRegistry {
+// Holds a scan at its start; offline for that scan only, so only the resume can send its zip.
+class HoldingRegistry : public zep::platform::MemoryRegistry, public zep::platform::NetworkEnv {
 public:
     bool GetDword(Hive hive, const std::wstring& key, const std::wstring& name, DWORD& value) override {
         if (name == L"TimeoutInSeconds") {
-            std::unique_lock<std::mutex> lock(mutex_);
-            scanThread_ = std::this_thread::get_id();
-            held_ = true;
-            changed_.notify_all();
-            changed_.wait(lock, [this] { return released_; });
+            scanThread = std::this_thread::get_id();
+            held.set_value();
+            released.wait();
         }
         return MemoryRegistry::GetDword(hive, key, name, value);
     }
-    void WaitUntilHeld() {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [this] { return held_; });
-    }
-    void Release() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        released_ = true;
-        changed_.notify_all();
-    }
-    bool IsScanThread() {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return std::this_thread::get_id() == scanThread_;
-    }
-
-private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool held_ = false;
-    bool released_ = false;
-    std::thread::id scanThread_;
-};
-
-// The network is down for the scan and up for everyone else, so the scan
-// leaves its upload pending and only the resumed upload can send it.
-class OfflineForTheScan : public zep::platform::NetworkEnv {
-public:
-    explicit OfflineForTheScan(std::shared_ptr<HoldingRegistry> registry) : registry_(std::move(registry)) {}
     bool IsInternetConnected(DWORD& flags) override {
-        const bool online = !registry_->IsScanThread();
-        flags = online ? 1u : 0u;
-        return online;
+        flags = std::this_thread::get_id() != scanThread.load() ? 1u : 0u;
+        return flags == 1u;
     }
-
-private:
-    std::shared_ptr<HoldingRegistry> registry_;
+    std::atomic<std::thread::id> scanThread{};
+    std::promise<void> held, release;
+    std::shared_future<void> released = release.get_future().share();
 };
 
 class DeviceOnlineConcurrencyTest : public zep::testing::ManagerTest {
@@ -78,7 +47,7 @@ protected:
     DeviceOnlineConcurrencyTest() {
         registry->CreateKey(Hive::LocalMachine, L"SOFTWARE\\Quorin\\ZEP\\DeviceSupport");
         platform.env.registry = registry;
-        platform.env.network = std::make_shared<OfflineForTheScan>(registry);
+        platform.env.network = registry;
         platform.Reinstall();
     }
     fs::path Latest() const { return platform.rootPath / "programdata" / "diagnostics" / "latest"; }
@@ -94,13 +63,13 @@ TEST_F(DeviceOnlineConcurrencyTest, TheResumeWaitsForTheRunningScanAndCompletesI
     WriteText(History(), earlier);
 
     manager->StartDiagnosticsScan(DiagnosticsManager::kManualScanRequest, std::nullopt);
-    registry->WaitUntilHeld();
+    registry->held.get_future().wait();
     platform.hub->Publish(ZEPNotificationData(6, 0, L"", L"", L""));
     std::this_thread::sleep_for(100ms);
     EXPECT_TRUE(platform.storage->Uploads().empty()) << "the resume ran during the scan";
     EXPECT_EQ(ReadText(History()), earlier);
 
-    registry->Release();
+    registry->release.set_value();
     manager->WaitForScanToFinish();
     platform.hub->WaitUntilIdle();
 

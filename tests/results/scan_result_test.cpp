@@ -1,15 +1,71 @@
-// The scan result document, its problem signature and the duplicate rule.
+#include "results/ProblemSignature.h"
+#include "results/ResultFormat.h"
+
+#include <algorithm>
 #include <filesystem>
 #include <initializer_list>
 #include <sstream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <json/json.h>
 
 #include "platform/util/Strings.h"
 #include "support/ManagerFixture.h"
+
+namespace zep::results {
+namespace {
+
+Json::Value TestDoc(const std::string& id, const Json::Value& result) {
+    Json::Value test(Json::objectValue);
+    test["id"] = id;
+    if (!result.isNull()) test["result"] = result;
+    return test;
+}
+
+Json::Value Component(const std::string& id, std::vector<Json::Value> tests) {
+    Json::Value component(Json::objectValue);
+    component["componentId"] = id;
+    component["tests"] = Json::Value(Json::arrayValue);
+    for (auto& test : tests) component["tests"].append(test);
+    return component;
+}
+
+// Only the exact lower-case "fail" counts; the order is by component, then test.
+TEST(SignatureInputTest, SortsFailedTestsWhateverTheReadingOrder) {
+    std::vector<Json::Value> components = {
+        Component("B", {TestDoc("t2", "fail"), TestDoc("t1", "fail"), TestDoc("t0", "pass"), TestDoc("t3", "Fail"),
+                        TestDoc("t4", "FAIL"), TestDoc("t5", "fail "), TestDoc("t6", Json::Value()),
+                        TestDoc("t7", true)}),
+        Component("A", {TestDoc("t9", "fail")}),
+        Component("C", {}),
+    };
+    std::sort(components.begin(), components.end());
+    do {
+        const ComponentSummary summary = SummariseComponents(components, 0.0f);
+        EXPECT_EQ(summary.signatureInput, "A,t9\nB,t1\nB,t2\n");
+        EXPECT_EQ(summary.failedTests, 3);
+    } while (std::next_permutation(components.begin(), components.end()));
+}
+
+TEST(FormatExecutionTimeTest, RoundsUpToTheNextWholeMillisecondWithThreeDecimals) {
+    struct Case {
+        float seconds;
+        const wchar_t* text;
+    };
+    const Case cases[] = {
+        {0.0f, L"0.000"},
+        {0.0001f, L"0.001"},  // any measurable time shows as at least one millisecond
+        // 0.001f lies a little above 0.001, but its single-precision product is exactly 1 ms.
+        {0.001f, L"0.001"}, {0.0015f, L"0.002"}, {1.2344f, L"1.235"}, {59.9991f, L"60.000"}, {12345.678f, L"12345.678"},
+    };
+    for (const Case& c : cases) EXPECT_EQ(FormatExecutionTime(c.seconds), c.text) << c.seconds;
+}
+
+}  // namespace
+}  // namespace zep::results
 
 namespace {
 
@@ -31,7 +87,6 @@ protected:
     fs::path ScanFolder() const { return platform.rootPath / "temp" / "Quorin" / "Zep" / "scan1"; }
     fs::path History() const { return platform.rootPath / "programdata" / "diagnostics" / "scan-history.log"; }
 
-    // A component document with the given tests ("id", "result" pairs).
     void WriteComponent(const std::string& folder, const std::string& id, const std::string& seconds,
                         std::initializer_list<std::pair<const char*, const char*>> tests) {
         std::string text = R"({"componentId":")" + id + R"(","executionTimeSeconds":")" + seconds +
@@ -99,13 +154,11 @@ TEST_F(ScanResultTest, DuplicateRule) {
     const Case cases[] = {
         {"T,Scheduled,0,1,1,S\nT,Scheduled,1,1,1,S\nT,Scheduled,2,1,1,S\n", L"S", true},
         {"T,Scheduled,2,1,1,S\nT,Scheduled,1,1,1,S\n", L"S", false},
-        {"T,Scheduled,0,1,1,S\nT,Scheduled,1,1,1,X\n", L"X", false},
         {"T,Scheduled,0,1,1,abc\n", L"ABC", false},
         {"T,Scheduled,1,1,1,S\r\nT,Manual,0,1,1,S\r\nT,Mqtt,2,1,0,\"\"\r\n", L"S", true},
         {"T,Manual,0,1,1,S\ngarbage\nT,Remote,1,1,1,S\nT,Manual,x,1,1,S", L"S", true},  // unparsable lines skipped
         {"T,Scheduled,0,1,0,\nT,Scheduled,0,1,0,\r\n", L"", false},  // a trailing comma is no empty signature
         {"T,Scheduled,0,1,0,\"\"\r\nT,Scheduled,2,1,0,\"\"\r\n", L"\"\"", true},
-        {"", L"S", false},
         {nullptr, L"\"\"", false},
     };
     for (const Case& c : cases) {
@@ -113,6 +166,57 @@ TEST_F(ScanResultTest, DuplicateRule) {
         if (c.history) WriteText(History(), c.history);
         EXPECT_EQ(manager->IsProblemSignatureDuplicate(c.signature), c.duplicate) << (c.history ? c.history : "none");
     }
+}
+
+zep::diagnostics::Tests MakeTest(std::wstring name, std::wstring id, std::wstring expected, std::wstring actual) {
+    zep::diagnostics::Tests test;
+    test.name = std::move(name);
+    test.id = std::move(id);
+    test.expected = std::move(expected);
+    test.actual = std::move(actual);
+    return test;
+}
+
+// The cloud reads this exact layout: JsonCpp's default style, keys sorted.
+TEST_F(ScanResultTest, TheComponentResultIsWrittenWholeInJsonCppDefaultStyle) {
+    peer->tests() = {
+        MakeTest(L"device_registered", L"123470e1-6d56-4eb7-8fdf-3bd3edc8bf02", L"registered", L"registered"),
+        MakeTest(L"xrs_api_cert_pinning", L"123470e1-6d56-4eb7-8fdf-3bd3edc8bf06", L"success", L"failed"),
+    };
+    DiagnosticsManager::commonComponent component;
+    component.executionTime = L"0.123";
+    component.resultType = L"Complete";
+    component.componentId = L"9A1B2C3D-4E5F-4A6B-8C7D-0123456789AB";
+    component.friendlyName = L"ZEP";
+    component.failedTests = 1;
+
+    manager->HandleFlowAfterRunOfTests(component);
+
+    EXPECT_EQ(ReadText(ScanFolder() / "ZEP" / "component-result.json"),
+              "{\n"
+              "\t\"componentId\" : \"9A1B2C3D-4E5F-4A6B-8C7D-0123456789AB\",\n"
+              "\t\"executionTimeSeconds\" : \"0.123\",\n"
+              "\t\"friendlyName\" : \"ZEP\",\n"
+              "\t\"isProblematic\" : true,\n"
+              "\t\"resultType\" : \"Complete\",\n"
+              "\t\"tests\" : \n"
+              "\t[\n"
+              "\t\t{\n"
+              "\t\t\t\"actual\" : \"registered\",\n"
+              "\t\t\t\"expected\" : \"registered\",\n"
+              "\t\t\t\"friendlyName\" : \"device_registered\",\n"
+              "\t\t\t\"id\" : \"123470e1-6d56-4eb7-8fdf-3bd3edc8bf02\",\n"
+              "\t\t\t\"result\" : \"pass\"\n"
+              "\t\t},\n"
+              "\t\t{\n"
+              "\t\t\t\"actual\" : \"failed\",\n"
+              "\t\t\t\"expected\" : \"success\",\n"
+              "\t\t\t\"friendlyName\" : \"xrs_api_cert_pinning\",\n"
+              "\t\t\t\"id\" : \"123470e1-6d56-4eb7-8fdf-3bd3edc8bf06\",\n"
+              "\t\t\t\"result\" : \"fail\"\n"
+              "\t\t}\n"
+              "\t]\n"
+              "}");
 }
 
 }  // namespace

@@ -39,9 +39,8 @@ Broker::Broker(const std::filesystem::path& dir, Mode mode) : dir_(dir), mode_(m
     if (mode_ != Mode::Plain) {
         const Pki& pki = TestPki();
         config << "cafile " << pki.root.cert.string() << "\ncertfile " << pki.server.cert.string() << "\nkeyfile "
-               << pki.server.key.string() << '\n';
+               << pki.server.key.string() << "\nrequire_certificate true\n";
     }
-    if (mode_ == Mode::MutualTls) config << "require_certificate true\n";
 }
 
 Broker::~Broker() { Stop(); }

@@ -1,6 +1,6 @@
 // A mosquitto broker of the test's own: 127.0.0.1, a free port, its own
-// configuration file and log in the test's folder; plain, TLS with the test
-// PKI's server certificate, or TLS that requires a client certificate.
+// configuration file and log in the test's folder; plain, or TLS with the
+// test PKI's server certificate that requires a client certificate.
 #pragma once
 
 #include <filesystem>
@@ -16,7 +16,7 @@ int FreePort();
 
 class Broker {
 public:
-    enum class Mode { Plain, Tls, MutualTls };
+    enum class Mode { Plain, MutualTls };
 
     Broker(const std::filesystem::path& dir, Mode mode);
     ~Broker();
@@ -26,7 +26,6 @@ public:
     // Ends it (SIGTERM) and waits for it; its clients see the connection go.
     void Stop();
 
-    int Port() const { return port_; }
     std::string Url() const;  // mqtt://127.0.0.1:<port>, or mqtts://
     // Publishes one message with QoS 1 through mosquitto_pub.
     bool Publish(const std::string& topic, const std::string& message) const;

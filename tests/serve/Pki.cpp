@@ -30,10 +30,6 @@ extendedKeyUsage = serverAuth
 [client]
 basicConstraints = CA:FALSE
 extendedKeyUsage = clientAuth
-[elsewhere]
-basicConstraints = CA:FALSE
-subjectAltName = DNS:elsewhere.example
-extendedKeyUsage = serverAuth
 )";
 
 class Maker {
@@ -91,10 +87,7 @@ Pki Make() {
     pki.root = maker.SelfSigned("root", "/CN=Test Root", "root");
     pki.server = maker.Signed("server", "/CN=localhost", "server", pki.root);
     pki.client = maker.Signed("client", "/CN=device", "client", pki.root);
-    pki.otherRoot = maker.SelfSigned("other-root", "/CN=Other Root", "root");
-    pki.stranger = maker.Signed("stranger", "/CN=localhost", "server", pki.otherRoot);
     pki.selfSigned = maker.SelfSigned("self-signed", "/CN=localhost", "server");
-    pki.elsewhere = maker.Signed("elsewhere", "/CN=elsewhere.example", "elsewhere", pki.root);
     pki.rootThumbprint = maker.Sha1Thumbprint(pki.root);
     return pki;
 }

@@ -1,6 +1,6 @@
 // Certificates made once per test binary with the openssl command, in a
-// temporary folder: a root CA with what it signs, another root, a
-// self-signed server certificate, and one for another host name.
+// temporary folder: a root CA with what it signs and a self-signed server
+// certificate.
 #pragma once
 
 #include <filesystem>
@@ -18,10 +18,7 @@ struct Pki {
     KeyPair root;        // "Test Root", a CA
     KeyPair server;      // CN=localhost, for 127.0.0.1 and localhost, signed by root
     KeyPair client;      // CN=device, for client authentication, signed by root
-    KeyPair otherRoot;   // a CA nobody trusts
-    KeyPair stranger;    // a server certificate like `server`, signed by otherRoot
     KeyPair selfSigned;  // CN=localhost for 127.0.0.1, its own issuer
-    KeyPair elsewhere;   // signed by root, but only for elsewhere.example
     std::string rootThumbprint;  // SHA-1 of root's DER as openssl prints it: "AB:CD:..."
 };
 

@@ -19,7 +19,6 @@ UploadServer::UploadServer(const KeyPair& identity, int port, const KeyPair* cli
         upload.metadataType = metadata.content_type;
         upload.fileName = file.filename;
         upload.fileContent = file.content;
-        upload.arrived = std::chrono::steady_clock::now();
         std::lock_guard<std::mutex> lock(mutex_);
         upload.answer = answers_.empty() ? 200 : answers_.front();
         if (!answers_.empty()) answers_.pop_front();

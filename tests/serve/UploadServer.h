@@ -28,7 +28,6 @@ struct ReceivedUpload {
     std::string metadata, metadataType;
     std::string fileName, fileContent;
     int answer = 0;
-    std::chrono::steady_clock::time_point arrived;
 };
 
 class UploadServer {

@@ -3,9 +3,6 @@
 // result codes and the reconnection back-off.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -14,7 +11,6 @@
 #include "serve/Envelope.h"
 #include "serve/HttpsStorage.h"
 #include "serve/MqttClient.h"
-#include "serve/ServeNetwork.h"
 #include "serve/ServeSettings.h"
 
 namespace {
@@ -22,46 +18,21 @@ namespace {
 using namespace zepdiag::serve;
 using ::testing::HasSubstr;
 
-TEST(Envelope, MapsOntoTheHubsNotification) {
-    std::string error;
-    const auto full = ParseEnvelope(
-        R"({"topicId": 3, "eventState": 7, "actionType": "run", "messageType": "getDiagnostics",)"
-        R"( "payload": "{\"zep-message\":{}} \u00e9", "isQCPNotification": true, "later": [1]})",
-        error);
-    ASSERT_TRUE(full) << error;
-    EXPECT_EQ(full->getTopicId(), 3);
-    EXPECT_EQ(full->getEventState(), 7);
-    EXPECT_EQ(full->getActionType(), L"run");
-    EXPECT_EQ(full->getMessageType(), L"getDiagnostics");
-    EXPECT_EQ(full->getPayload(), L"{\"zep-message\":{}} \u00e9");
-    EXPECT_TRUE(full->isQCPNotification());
-
-    const auto minimal =
-        ParseEnvelope(R"({"topicId":6,"eventState":0,"actionType":"","messageType":"","payload":""})", error);
-    ASSERT_TRUE(minimal) << error;
-    EXPECT_FALSE(minimal->isQCPNotification());
-}
-
-// Each of these is dropped with a reason; none may throw or crash.
+// Each of these is dropped with a reason; none may throw or crash. The last is
+// accepted, its flag and its non-ASCII text intact.
 TEST(Envelope, RefusesWhatIsNotExactlyAnEnvelope) {
-    const std::string rest = R"("eventState": 0, "actionType": "run", "messageType": "getDiagnostics", "payload": "")";
+    const std::string rest = R"("eventState": 0, "actionType": "run", "messageType": "getDiagnostics", "payload": "\u00e9")";
     const std::vector<std::pair<std::string, std::string>> cases = {
-        {"", "not one JSON object"},
         {"garbage", "not one JSON object"},
-        {"[1]", "not one JSON object"},
         {"{\"topicId\": 3, " + rest + "} {}", "not one JSON object"},
         {"{\"topicId\": 3, \"topicId\": 4, " + rest + "}", "not one JSON object"},
         {"{\"deep\": [[[[[[1]]]]]], \"topicId\": 3, " + rest + "}", "not one JSON object"},
         {"{\"topicId\": 3, " + rest + ", \"x\": \"\xff\"}", "not UTF-8"},
         {"{" + rest + "}", "no topicId"},
         {"{\"topicId\": \"3\", " + rest + "}", "not an integer: topicId"},
-        {"{\"topicId\": 3.5, " + rest + "}", "not an integer: topicId"},
         {"{\"topicId\": 4294967296, " + rest + "}", "not an integer: topicId"},
         {R"({"topicId": 3, "eventState": 0, "actionType": 1, "messageType": "m", "payload": ""})",
          "not a string: actionType"},
-        {R"({"topicId": 3, "eventState": 0, "actionType": "run", "messageType": "m", "payload": {}})",
-         "not a string: payload"},
-        {R"({"topicId": 3, "eventState": 0, "actionType": "run", "messageType": "m"})", "no payload"},
         {"{\"topicId\": 3, " + rest + ", \"isQCPNotification\": \"true\"}", "not a boolean: isQCPNotification"},
         {std::string(kMaxEnvelopeBytes + 1, ' '), "larger than"},
     };
@@ -70,6 +41,11 @@ TEST(Envelope, RefusesWhatIsNotExactlyAnEnvelope) {
         EXPECT_FALSE(ParseEnvelope(bytes, error)) << bytes.substr(0, 80);
         EXPECT_THAT(error, HasSubstr(reason)) << bytes.substr(0, 80);
     }
+    std::string error;
+    const auto full = ParseEnvelope("{\"topicId\": 3, \"isQCPNotification\": true, " + rest + "}", error);
+    ASSERT_TRUE(full) << error;
+    EXPECT_EQ(full->getPayload(), L"\u00e9");
+    EXPECT_TRUE(full->isQCPNotification());
 }
 
 TEST(Endpoint, BrokerAndUploadAddresses) {
@@ -111,20 +87,16 @@ public:
 };
 
 TEST_F(Settings, TheCommandLineWinsOverThePolicy) {
+    // The policy's addresses, trust and pins: the end-to-end mutual TLS test.
     policy.set_mqtt_baseuri(L"mqtts://policy.example");
     policy.set_api_baseuri(L"https://api.example/");
     policy.set_mqtt_chain_pem64(L"LS0tLS1CRUdJTg==");  // "-----BEGIN"
-    policy.set_tls_rootca_thumbprint_list({L"AB:CD"});
     policy.set_tls_leaf_cn_list({L"broker.example"});
     policy.set_allow_self_signed_cert(true);
     auto settings = Resolve();
     ASSERT_TRUE(settings) << error;
-    EXPECT_EQ(settings->broker.host, "policy.example");
     EXPECT_EQ(settings->clientId, deviceId);
     EXPECT_EQ(settings->topic, "zep/7C3E9A12-5B4D/notifications");
-    EXPECT_EQ(settings->uploadUrl, "https://api.example/diagnostics/upload");
-    EXPECT_EQ(settings->tls.caPem, "-----BEGIN");
-    EXPECT_EQ(settings->tls.rootThumbprints, std::vector<std::string>{"AB:CD"});
     EXPECT_EQ(settings->tls.leafNames, std::vector<std::string>{"broker.example"});
     EXPECT_TRUE(settings->tls.allowSelfSigned);
 
@@ -136,11 +108,11 @@ TEST_F(Settings, TheCommandLineWinsOverThePolicy) {
     EXPECT_EQ(settings->tls.caFile, "/etc/zep/ca.pem");
     EXPECT_EQ(settings->tls.caPem, "");
     EXPECT_EQ(settings->tls.certFile, "c.pem");
-}
 
-TEST_F(Settings, WithoutAnUploadAddressUploadsStayOnTheDevice) {
-    options.broker = "mqtt://127.0.0.1";
-    const auto settings = Resolve();
+    // Without an upload address anywhere, uploads stay on the device.
+    options.uploadUrl.clear();
+    policy = PlatformPolicy();
+    settings = Resolve();
     ASSERT_TRUE(settings) << error;
     EXPECT_FALSE(settings->uploadUrl);
     EXPECT_FALSE(settings->uploads);
@@ -153,9 +125,7 @@ TEST_F(Settings, WhatCannotBeUsedIsRefusedWithItsReason) {
         {[](Settings& s) { s.options.uploadUrl = "http://up"; }, "does not start with https://"},
         {[](Settings& s) { s.options.cert = "c.pem"; }, "--cert and --key go together"},
         {[](Settings& s) { s.policy.set_mqtt_chain_pem64(L"not base64!"); }, "not base64"},
-        {[](Settings& s) { s.deviceId = ""; }, "no usable deviceId"},
         {[](Settings& s) { s.deviceId = "a/b"; }, "no usable deviceId"},
-        {[](Settings& s) { s.deviceId = "#"; }, "no usable deviceId"},
     };
     for (const auto& [change, reason] : cases) {
         options = ServeOptions{};
@@ -174,7 +144,6 @@ TEST(StorageResult, AnAnswerCountsEvenWhenTheUploadWasCutShort) {
     EXPECT_EQ(StorageResultOf(CURLE_SEND_ERROR, 413), 413);
     EXPECT_EQ(StorageResultOf(CURLE_OK, 0), 1);
     EXPECT_EQ(StorageResultOf(CURLE_COULDNT_RESOLVE_HOST, 0), 10);
-    EXPECT_EQ(StorageResultOf(CURLE_OPERATION_TIMEDOUT, 0), 10);
     EXPECT_EQ(StorageResultOf(CURLE_PEER_FAILED_VERIFICATION, 0), 495);
     EXPECT_EQ(StorageResultOf(CURLE_SSL_CONNECT_ERROR, 0), 1);
 }
@@ -185,21 +154,6 @@ TEST(ReconnectDelay, DoublesUpToThirtySeconds) {
         delays.push_back(static_cast<long>(ReconnectDelay(failures).count()));
     }
     EXPECT_EQ(delays, (std::vector<long>{1, 2, 4, 8, 16, 30, 30, 30, 30}));
-}
-
-TEST(AcceptsTcp, OnlyWhatListens) {
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    ASSERT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    const int port = ntohs(address.sin_port);
-    ASSERT_EQ(::listen(fd, 1), 0);
-    EXPECT_TRUE(AcceptsTcp("127.0.0.1", port, std::chrono::seconds(1)));
-    ::close(fd);
-    EXPECT_FALSE(AcceptsTcp("127.0.0.1", port, std::chrono::seconds(1)));
 }
 
 }  // namespace

@@ -56,10 +56,10 @@ private:
 // Identity, cloud state and network, as plain fields.
 class ScriptedDevice : public platform::DeviceEnv, public platform::NetworkEnv {
 public:
-    std::wstring DeviceId() override { return Get(deviceId); }
-    std::wstring LogicalDeviceId() override { return Get(logicalDeviceId); }
-    std::wstring AgentId() override { return Get(agentId); }
-    std::wstring ServiceVersion() override { return Get(serviceVersion); }
+    std::wstring DeviceId() override { return deviceId; }
+    std::wstring LogicalDeviceId() override { return logicalDeviceId; }
+    std::wstring AgentId() override { return L"9a1b2c3d-4e5f-4a6b-8c7d-0123456789ab"; }
+    std::wstring ServiceVersion() override { return L"4.12.3.0"; }
     bool IsRegistered() override { return registered; }
     bool IsProvisioned() override { return provisioned; }
     bool HasCommercialIntent() override { return commercialIntent; }
@@ -70,19 +70,10 @@ public:
 
     std::wstring deviceId = L"0f4c2d1e-aaaa-bbbb-cccc-000000000001";
     std::wstring logicalDeviceId = L"LD-TEST01";
-    std::wstring agentId = L"9a1b2c3d-4e5f-4a6b-8c7d-0123456789ab";
-    std::wstring serviceVersion = L"4.12.3.0";
     std::atomic<bool> registered{true};
     std::atomic<bool> provisioned{true};
     std::atomic<bool> commercialIntent{true};
     std::atomic<bool> online{true};
-
-private:
-    std::wstring Get(const std::wstring& field) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return field;
-    }
-    std::mutex mutex_;
 };
 
 class FakeNotificationAgent : public platform::NotificationAgent {
@@ -116,9 +107,8 @@ public:
 class ScriptedSettings : public platform::SettingsEnv {
 public:
     bool EnableCustomSettings() override { return enableCustomSettings; }
-    bool DisableJwtValidation() override { return disableJwtValidation; }
+    bool DisableJwtValidation() override { return false; }
     std::atomic<bool> enableCustomSettings{false};
-    std::atomic<bool> disableJwtValidation{false};
 };
 
 // The update policy's packages; their repositories lie under `repositoryRoot`.

@@ -1,7 +1,6 @@
 #include "support/ManagerFixture.h"
 
 #include "platform/util/Strings.h"
-#include "support/ZipReader.h"
 
 namespace zep::testing {
 
@@ -37,27 +36,6 @@ void ManagerTest::Deliver(ZEPNotificationData data) {
 void ManagerTest::Scan(unsigned long requestCode, std::optional<DiagnosticsParams> params) {
     manager->StartDiagnosticsScan(requestCode, std::move(params));
     manager->WaitForScanToFinish();
-}
-
-std::filesystem::path ManagerTest::ZipPath(const std::wstring& scanName) const {
-    return platform.rootPath / "programdata" / "diagnostics" / "latest" /
-           ("LD-TEST01_" + text::ToUtf8(scanName) + ".zip");
-}
-
-Json::Value ManagerTest::ComponentResult(const std::wstring& scanName) const {
-    std::string text;
-    std::filesystem::path staging = ZipPath(scanName);
-    staging.replace_extension();
-    if (auto packed = ZipRead(ZipPath(scanName), "ZEP/component-result.json")) {
-        text = *packed;
-    } else if (std::filesystem::exists(staging)) {
-        // Kept where no archive was made of it.
-        text = ReadText(staging / "ZEP" / "component-result.json");
-    } else {
-        text = ReadText(platform.rootPath / "temp" / "Quorin" / "Zep" / text::ToUtf8(scanName) / "ZEP" /
-                        "component-result.json");
-    }
-    return ParseJson(text);
 }
 
 std::vector<std::wstring> ManagerTest::ScanNames() const {

@@ -1,12 +1,10 @@
 // A manager of its own on a platform of test doubles, for the manager's tests.
 #pragma once
 
-#include <filesystem>
 #include <memory>
 #include <string>
 
 #include <gtest/gtest.h>
-#include <json/json.h>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "support/ManagerPeer.h"
@@ -31,12 +29,6 @@ protected:
     // Runs one scan on the worker and waits for it.
     void Scan(unsigned long requestCode, std::optional<DiagnosticsParams> params = std::nullopt);
 
-    // The archive of scan `scanName` (only the latest scan's survives).
-    std::filesystem::path ZipPath(const std::wstring& scanName) const;
-    // The built-in component's result of scan `scanName`, parsed: from its
-    // archive, from its staging folder when that was not packed, or from the
-    // temporary folder when nothing was staged.
-    Json::Value ComponentResult(const std::wstring& scanName) const;
     // The names of the scans that were staged, in order (from the log).
     std::vector<std::wstring> ScanNames() const;
     // How many scans ran the agent's own branch so far.

@@ -4,7 +4,6 @@
 #include <string>
 #include <vector>
 
-#include <json/json.h>
 
 #include "DiagnosticScanner/DiagnosticsManager.h"
 #include "platform/agent/ZEPNotificationData.h"
@@ -31,10 +30,6 @@ public:
     std::wstring& problemSignature() { return m_.problemSignature; }
     std::wstring& diagnosticsCompletedTime() { return m_.diagnosticsCompletedTime; }
     std::shared_ptr<zep::diagnostics::IDiagnosticsGenerator>& generator() { return m_.generator; }
-
-    void SaveComponentResultsToFile(Json::Value& document, const std::wstring& path) {
-        m_.SaveComponentResultsToFile(document, path);
-    }
 
     static void SetTestTimeout(std::uint32_t seconds) { DiagnosticsManager::_testTimeoutInSeconds = seconds; }
 

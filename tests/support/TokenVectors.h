@@ -17,7 +17,6 @@
 namespace zep::testing::vectors {
 
 inline constexpr char kClaims[] = R"({"sub":"device-7f3a"})";
-inline constexpr long long kFakeClockSeconds = 1795256130;
 
 // Public keys (PEM "PUBLIC KEY").
 extern const char kTrustedRsaKey[];
@@ -27,12 +26,10 @@ extern const char kP384Key[];
 // kP256Key as the bare base64 of its DER, and with one byte after the key.
 extern const char kP256KeyBareBase64[];
 extern const char kP256KeyBareBase64WithAByteMore[];
-// Good signatures, one per algorithm.
+// Good signatures.
 extern const char kRs256[];
-extern const char kRs384[];
 extern const char kPs256[];
 extern const char kEs256[];
-extern const char kEs384[];
 // Signed by a 2048-bit RSA key that no policy holds.
 extern const char kRs256ByUnknownKey[];
 // Signed by kRsa1024Key: too small to be trusted.
@@ -51,13 +48,10 @@ extern const char kNotValidForAnotherSecond[];
 extern const char kEs256ExpiredASecondAgo[];
 // Claims {"exp":2199999999}.
 extern const char kExpiringIn2039[];
-// Claims {"exp":1795256030}, signed by the unknown RSA key.
-extern const char kByUnknownKeyExpired[];
 // RS256 provisioning tokens for the test device:
 // {"sub":"LD-TEST01","purpose":"provision","exp":4102444800} (2100), by the
-// trusted key, by the unknown key, and with "exp":1000000000 (2001).
+// trusted key and by the unknown key.
 extern const char kProvisionToken[];
 extern const char kProvisionTokenByUnknownKey[];
-extern const char kExpiredProvisionToken[];
 
 }  // namespace zep::testing::vectors

@@ -1,8 +1,7 @@
-// Uploading a scan's results: which file goes, with which token and metadata,
-// and what the manager remembers for the scan history.
-#include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -55,7 +54,6 @@ protected:
 TEST_F(UploadTest, EachDeviceStateTakesItsOwnPath) {
     const std::string good = vectors::kProvisionToken;
     const std::string forged = vectors::kProvisionTokenByUnknownKey;
-    const std::string expired = vectors::kExpiredProvisionToken;
     const std::string backup = R"({"device_id":"LD-TEST01","provision_token":")" + good + R"("})";
     struct Case {
         const char* name;
@@ -71,7 +69,6 @@ TEST_F(UploadTest, EachDeviceStateTakesItsOwnPath) {
     const char* zip = "LD-TEST01_scan1.zip";
     const char* zipSent = "zip file upload successfull";
     const char* offline = "file not uploaded due to offline";
-    const auto withToken = [](const std::string& t) { return R"({"provision_token":")" + t + R"("})"; };
     const Case cases[] = {
         {"registered", true, true, true, "", zip, "", zipSent, true, 0, 0},
         // A refusal after a success does not keep the earlier outcome.
@@ -79,17 +76,12 @@ TEST_F(UploadTest, EachDeviceStateTakesItsOwnPath) {
         {"registered offline", true, true, false, "", nullptr, "", offline, false, 1, 2},
         // The provisioning check comes before the network and says nothing.
         {"not provisioned", true, false, false, "", nullptr, "", nullptr, true, 1, -1},
-        {"unprovisioned, unregistered", false, false, false, "", nullptr, "", nullptr, true, 1, -1},
-        // The token stands for provisioning.
         {"good token", false, false, true, backup, zip, good, zipSent, true, 0, 0},
         {"good token, BOM", false, false, true, "\xEF\xBB\xBF" + backup, zip, good, zipSent, true, 0, 0},
         {"good token, UTF-16", false, false, true, Utf16Le(backup), zip, good, zipSent, true, 0, 0},
-        {"good token offline", false, false, false, backup, nullptr, "", offline, false, 1, 2},
         // A bad token is judged before the network: nothing is marked offline.
-        {"forged token", false, true, false, withToken(forged), nullptr, "", "", true, 1, -1},
-        {"expired token", false, true, false, withToken(expired), nullptr, "", "", true, 1, -1},
+        {"forged token", false, true, false, R"({"provision_token":")" + forged + R"("})", nullptr, "", "", true, 1, -1},
         {"no backup", false, true, true, "", "scan-result.json", "", "json file upload successfull", true, 1, 0},
-        {"no backup offline", false, true, false, "", nullptr, "", offline, false, 1, 2},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -134,27 +126,70 @@ TEST_F(UploadTest, EachDeviceStateTakesItsOwnPath) {
         if (c.status >= 0) {
             EXPECT_EQ(manager->GetFileUploadToCloudStatus(), c.status);
         }
-        for (const auto& token : {good, forged, expired}) ExpectNeverLogged(token);
+        for (const auto& token : {good, forged}) ExpectNeverLogged(token);
     }
 }
 
-TEST_F(UploadTest, OnlyAScheduledScanRepeatingAnUploadedSignatureHoldsBackTheZip) {
-    WriteText(Latest().parent_path() / "scan-history.log",
-              std::string("2026-11-20T10:00:00Z,Scheduled,0,1,2,") + kSignature + "\r\n");
-    const struct {
-        std::uint32_t trigger;
-        std::string signature;
-        const char* file;
-    } cases[] = {{1, kSignature, "scan-result.json"},
-                 {0, kSignature, "LD-TEST01_scan1.zip"},
-                 {2, kSignature, "LD-TEST01_scan1.zip"},
-                 {1, std::string(64, 'a'), "LD-TEST01_scan1.zip"}};
-    for (const auto& c : cases) {
-        peer->triggerType() = c.trigger;
-        peer->problemSignature() = zep::text::FromUtf8(c.signature);
-        manager->UploadDiagnosticsResults();
-        EXPECT_EQ(platform.storage->Uploads().back().filePath, PathText(c.file)) << c.trigger << c.signature;
+const std::string kLabel = "DiagnosticsManager::LogCriticalEvent ";
+const std::string kSig = "9f86d081884c7d659a2feaa0c55ad015a3bf4f1b2b0b822cd15d6c15b0f00a08";
+
+struct Decision {
+    const char* name;
+    int status;
+    bool problematic;
+    std::string signature;
+    std::optional<std::string> eventText;  // none: no event
+    std::string decision;                  // empty: no decision message
+    bool registered = true;
+    bool provisioned = true;
+};
+
+class CriticalEventTest : public ManagerTest, public ::testing::WithParamInterface<Decision> {};
+
+TEST_P(CriticalEventTest, ReportsTheScanOutcome) {
+    const Decision& d = GetParam();
+    platform.device->registered = d.registered;
+    platform.device->provisioned = d.provisioned;
+    peer->resultType() = static_cast<DiagnosticsManager::ResultType>(d.status);
+    peer->isProblematic() = d.problematic;
+    peer->problemSignature() = zep::text::FromUtf8(d.signature);
+    platform.log->Clear();
+
+    peer->LogCriticalEvent();
+
+    const auto events = platform.events->Events();
+    ASSERT_EQ(events.size(), d.eventText ? 1u : 0u);
+    if (d.eventText) {
+        EXPECT_EQ(events[0].id, 1018);
+        EXPECT_EQ(zep::text::ToUtf8(events[0].text), *d.eventText);
     }
+    std::vector<std::string> expected = {kLabel + "problem signature : " + d.signature};
+    if (d.registered || d.provisioned) {
+        expected.push_back(kLabel + "Device with commercial-intent is not registered OR registered to a non QAC org");
+        expected.push_back(kLabel + "scan status : " + std::to_string(d.status) +
+                           ", isProblematic : " + (d.problematic ? "1" : "0"));
+    }
+    if (!d.decision.empty()) expected.push_back(kLabel + "Logging critical event: " + d.decision);
+    std::vector<std::string> messages;
+    for (const auto& m : platform.log->Messages()) {
+        if (m.rfind(kLabel, 0) == 0) messages.push_back(m);
+    }
+    EXPECT_EQ(messages, expected);
 }
+
+INSTANTIATE_TEST_SUITE_P(
+    DecisionTable, CriticalEventTest,
+    ::testing::Values(
+        Decision{"BeforeAnyScan", -1, false, kSig, std::nullopt, ""},
+        Decision{"ProblematicWithoutStatus", -1, true, kSig, kSig, "1018: " + kSig},
+        Decision{"TimedOutAndProblematic", 1, true, kSig, "1", "1"},
+        Decision{"CompleteWithoutProblem", 0, false, kSig, "0", "0"},
+        Decision{"CompleteWithProblem", 0, true, kSig, kSig, "1018: " + kSig},
+        Decision{"ErrorWithoutProblem", 2, false, kSig, kSig, "1018: " + kSig},
+        // No placeholder organisation is recognised, so provisioning is not asked.
+        Decision{"RegisteredUnprovisioned", 0, true, kSig, kSig, "1018: " + kSig, true, false},
+        Decision{"ProvisionedUnregistered", 0, false, kSig, "0", "0", false, true},
+        Decision{"NeitherRegisteredNorProvisioned", 2, true, kSig, std::nullopt, "", false, false}),
+    [](const ::testing::TestParamInfo<Decision>& param) { return std::string(param.param.name); });
 
 }  // namespace

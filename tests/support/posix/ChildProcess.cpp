@@ -6,8 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <thread>
-
 extern char** environ;
 
 namespace zep::testing {
@@ -64,7 +62,5 @@ int RunToEnd(const std::vector<std::string>& argv, const std::filesystem::path& 
     ChildProcess child(argv, output);
     return child.Wait(timeout).value_or(-1);
 }
-
-void SleepBriefly() { std::this_thread::sleep_for(std::chrono::milliseconds(20)); }
 
 }  // namespace zep::testing

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace zep::testing {
@@ -37,8 +38,6 @@ private:
 int RunToEnd(const std::vector<std::string>& argv, const std::filesystem::path& output,
         std::chrono::milliseconds timeout = std::chrono::seconds(30));
 
-void SleepBriefly();  // 20 ms
-
 // Polls `condition` every 20 ms until it holds or `timeout` passes.
 template <typename Condition>
 bool Eventually(Condition condition, std::chrono::milliseconds timeout) {
@@ -46,7 +45,7 @@ bool Eventually(Condition condition, std::chrono::milliseconds timeout) {
     for (;;) {
         if (condition()) return true;
         if (std::chrono::steady_clock::now() >= deadline) return false;
-        SleepBriefly();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
 }
 
