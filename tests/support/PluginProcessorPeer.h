@@ -15,6 +15,21 @@ public:
                                 const std::wstring& pluginId, std::wstring& zipPath) {
         return PluginDiagnosticsProcessor::CreatePluginZip(manager, diagFolder, pluginId, zipPath);
     }
+    static void EnsurePluginComponentResultJson(DiagnosticsManager& manager, const std::wstring& diagFolder,
+                                                const std::wstring& pluginId, ElevationType elevation) {
+        PluginDiagnosticsProcessor::EnsurePluginComponentResultJson(manager, diagFolder, pluginId, elevation);
+    }
+    static void GeneratePluginScanResultJson(DiagnosticsManager& manager, const std::wstring& diagFolder,
+                                             const std::wstring& pluginId) {
+        PluginDiagnosticsProcessor::GeneratePluginScanResultJson(manager, diagFolder, pluginId);
+    }
+    static void UpdatePluginComponentResultType(DiagnosticsManager& manager, const std::wstring& diagFolder,
+                                                const std::string& resultType) {
+        PluginDiagnosticsProcessor::UpdatePluginComponentResultType(manager, diagFolder, resultType);
+    }
+    static bool ReadPluginDeletePreference(const std::wstring& diagFolder, bool& deleteFilesOnUpload) {
+        return PluginDiagnosticsProcessor::ReadPluginDeletePreference(diagFolder, deleteFilesOnUpload);
+    }
     static int CountFailedTests(const Json::Value& component) {
         return PluginDiagnosticsProcessor::CountFailedTests(component);
     }
