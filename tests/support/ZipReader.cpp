@@ -6,16 +6,21 @@
 
 namespace zep::testing {
 
-std::set<std::string> ZipEntries(const std::filesystem::path& zip) {
-    std::set<std::string> names;
+std::vector<std::string> ZipNames(const std::filesystem::path& zip) {
+    std::vector<std::string> names;
     int error = 0;
     zip_t* archive = zip_open(path::NarrowPath(zip).c_str(), ZIP_RDONLY, &error);
     if (archive == nullptr) return names;
     for (zip_int64_t i = 0; i < zip_get_num_entries(archive, 0); ++i) {
-        names.insert(zip_get_name(archive, static_cast<zip_uint64_t>(i), 0));
+        names.emplace_back(zip_get_name(archive, static_cast<zip_uint64_t>(i), 0));
     }
     zip_discard(archive);
     return names;
+}
+
+std::set<std::string> ZipEntries(const std::filesystem::path& zip) {
+    const std::vector<std::string> names = ZipNames(zip);
+    return std::set<std::string>(names.begin(), names.end());
 }
 
 std::optional<std::string> ZipRead(const std::filesystem::path& zip, const std::string& entry) {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <exception>
 #include <map>
 #include <utility>
@@ -111,6 +112,35 @@ bool ScrubInPlace(Folder& folder, const platform::EntryInfo& entry, const wchar_
 
 // ---- what an archive holds ----
 
+using SharedPath = std::shared_ptr<const std::vector<std::wstring>>;
+
+SharedPath ShareOf(std::vector<std::wstring> path) {
+    return std::make_shared<const std::vector<std::wstring>>(std::move(path));
+}
+
+// Sorts by name, stably, with a merge of the sorted runs the entries come
+// in: files are added in the order of a walk (a few runs, where a name like
+// "a.log" sorts before the folder "a" it follows), so this takes a pass or
+// two instead of a full sort.
+void SortByName(std::vector<PackEntry>& files) {
+    const auto less = [](const PackEntry& a, const PackEntry& b) { return a.name < b.name; };
+    std::vector<std::size_t> bounds{0};  // where each run starts, and the end
+    for (std::size_t i = 1; i < files.size(); ++i) {
+        if (less(files[i], files[i - 1])) bounds.push_back(i);
+    }
+    bounds.push_back(files.size());
+    const auto at = [&files](std::size_t i) { return files.begin() + static_cast<std::ptrdiff_t>(i); };
+    while (bounds.size() > 2) {
+        std::vector<std::size_t> merged{0};
+        for (std::size_t i = 2; i < bounds.size(); i += 2) {
+            std::inplace_merge(at(bounds[i - 2]), at(bounds[i - 1]), at(bounds[i]), less);
+            merged.push_back(bounds[i]);
+        }
+        if (bounds.size() % 2 == 0) merged.push_back(bounds.back());  // an odd run out waits for the next round
+        bounds = std::move(merged);
+    }
+}
+
 struct Entries {
     std::map<std::string, PackEntry> folders;  // by archive name: parents before children
     std::vector<PackEntry> files;              // as added; sorted by name and made unique by InOrder
@@ -128,15 +158,14 @@ struct Entries {
         for (const auto& folder : listing.folders) AddFolder(Join(prefix, folder.path), folder.modifiedNs);
         for (const auto& file : listing.files) {
             const auto path = Join(prefix, file.path);
-            AddFile(ArchiveName(path), file.modifiedNs, PackSource{root, path, file.size, false});
+            AddFile(ArchiveName(path), file.modifiedNs, PackSource{root, ShareOf(path), file.size, false});
         }
     }
     std::vector<PackEntry> InOrder() {
         std::vector<PackEntry> all;
         all.reserve(folders.size() + files.size());
         for (auto& item : folders) all.push_back(std::move(item.second));
-        std::stable_sort(files.begin(), files.end(),
-                         [](const PackEntry& a, const PackEntry& b) { return a.name < b.name; });
+        SortByName(files);
         for (std::size_t i = 0; i < files.size(); ++i) {
             if (i + 1 < files.size() && files[i + 1].name == files[i].name) continue;  // replaced
             all.push_back(std::move(files[i]));
@@ -169,7 +198,8 @@ std::vector<PackEntry> StagingEntries(const std::shared_ptr<Folder>& root, const
         for (const auto& file : plan->files) {
             if (file.dropped) continue;
             entries.AddFile(above + ArchiveName(file.path), file.modifiedNs,
-                            PackSource{plan->source, file.path, file.size, file.scrub});
+                            // The path stays the plan's own; the plan lives as long as it is used.
+                            PackSource{plan->source, SharedPath(plan, &file.path), file.size, file.scrub});
         }
     }
     return entries.InOrder();
@@ -196,13 +226,13 @@ std::vector<PackEntry> PluginEntries(const std::shared_ptr<Folder>& root) {
     }
     for (const auto& file : top.files) {
         if (packed(file.path.back())) entries.AddFile(ArchiveName(file.path), file.modifiedNs,
-                                                      PackSource{root, file.path, file.size, false});
+                                                      PackSource{root, ShareOf(file.path), file.size, false});
     }
     if (const auto latest = root->OpenFolder(L"latest")) {
         const auto result = latest->Stat(L"scan-result.json");
         if (result && result->kind == platform::EntryKind::File) {
             entries.AddFile("scan-result.json", result->modifiedNs,
-                            PackSource{root, {L"latest", L"scan-result.json"}, result->size, false});
+                            PackSource{root, ShareOf({L"latest", L"scan-result.json"}), result->size, false});
         }
     }
     return entries.InOrder();
@@ -274,8 +304,10 @@ int NativeCollection::CopyLogs(const std::wstring& source, const std::wstring& d
         files.erase(std::remove_if(files.begin(), files.end(),
                                    [](const ListedEntry& file) { return IsArchiveName(file.path.back()); }),
                     files.end());
-        files.resize(KeepNewest(files, keepBytes));
-        for (auto& file : files) plan->files.push_back(PlannedFile{std::move(file)});
+        const std::vector<bool> kept = NewestWithin(files, keepBytes);
+        for (std::size_t i = 0; i < files.size(); ++i) {
+            if (kept[i]) plan->files.push_back(PlannedFile{std::move(files[i])});
+        }
         g_log.d(L"%s: the %d newest files of %s go into the archive from where they are", kCopyLogs,
                 static_cast<int>(plan->files.size()), source);
         state_->plans.Put(std::move(plan));
@@ -308,11 +340,19 @@ int NativeCollection::LimitLogSize(const std::wstring& folder, std::uint64_t lim
         std::vector<Candidate> files;
         for (auto& file : ListTree(*root, true).files) files.push_back(Candidate{std::move(file), nullptr});
         const auto planned = state_->plans.FilesBelow(folder, true);
+        // The usual case, as the copy kept no more: everything fits, nothing goes.
+        std::uint64_t total = 0;
+        const auto add = [&total](std::uint64_t size) { total = size > UINT64_MAX - total ? UINT64_MAX : total + size; };
+        for (const auto& file : files) add(file.size);
+        for (const auto& view : planned) add(view.file->size);
+        if (total <= limitBytes) return 1;
         for (const auto& view : planned) {
             files.push_back(Candidate{ListedEntry{view.Path(), view.file->size, view.file->modifiedNs}, view.file});
         }
         bool ok = true;
-        for (std::size_t i = KeepNewest(files, limitBytes); i < files.size(); ++i) {
+        const std::vector<bool> kept = NewestWithin(files, limitBytes);
+        for (std::size_t i = 0; i < files.size(); ++i) {
+            if (kept[i]) continue;
             if (files[i].planned != nullptr) {
                 files[i].planned->dropped = true;
             } else {

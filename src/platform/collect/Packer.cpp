@@ -70,14 +70,15 @@ struct Job {
 class FolderCache {
 public:
     Folder* Get(const PackSource& source, FsStatus* status) {
-        const auto folders = source.path.end() - 1;
+        const std::vector<std::wstring>& path = *source.path;
+        const auto folders = path.end() - 1;
         for (auto& held : held_) {
             if (held.first.first == source.root.get() &&
-                std::equal(held.first.second.begin(), held.first.second.end(), source.path.begin(), folders)) {
+                std::equal(held.first.second.begin(), held.first.second.end(), path.begin(), folders)) {
                 return held.second.get();  // found without a copy of the path: this runs once per file
             }
         }
-        Key key{source.root.get(), std::vector<std::wstring>(source.path.begin(), folders)};
+        Key key{source.root.get(), std::vector<std::wstring>(path.begin(), folders)};
         std::unique_ptr<Folder> opened;
         Folder* current = source.root.get();
         for (const auto& name : key.second) {
@@ -109,8 +110,8 @@ std::string StatusText(const FsStatus& status) {
 // Opens a source's file through the folder cache; null (with the status)
 // when it is gone, a link or not a regular file.
 std::unique_ptr<InputFile> OpenSource(FolderCache& folders, const PackSource& source, FsStatus& status) {
-    Folder* folder = source.path.empty() ? nullptr : folders.Get(source, &status);
-    return folder ? folder->OpenFile(source.path.back(), &status) : nullptr;
+    Folder* folder = !source.path || source.path->empty() ? nullptr : folders.Get(source, &status);
+    return folder ? folder->OpenFile(source.path->back(), &status) : nullptr;
 }
 
 // Reads whole files for the deflate threads: one per thread, with its own

@@ -21,9 +21,11 @@ namespace zep::collect {
 
 // A file to pack, reached from an open folder: `path` names the folders
 // below `root` and then the file, none of them followed when it is a link.
+// The path is usually shared with the plan or listing that names the file:
+// an archive of tens of thousands of files holds no second copy of each.
 struct PackSource {
     std::shared_ptr<platform::Folder> root;
-    std::vector<std::wstring> path;
+    std::shared_ptr<const std::vector<std::wstring>> path;
     std::uint64_t listedSize = 0;  // a log still being written is taken as listed
     bool scrub = false;            // through the log scrub (LogScrub.h)
 };

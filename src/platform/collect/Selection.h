@@ -43,31 +43,37 @@ bool IsArchiveName(std::wstring_view name);
 // with '/'. Files of equal times are also kept in this order.
 std::string ArchiveName(const std::vector<std::wstring>& path, bool folder = false);
 
-// Sorts newest first (last write; ties by path) and returns how many of the
-// newest fit `limitBytes`: the file at which the running total passes the
-// limit is out, and so is every older one, even one small enough to fit.
+// Which of `files` are the newest (last write; ties by path) that fit
+// `limitBytes`: the file at which the running total passes the limit is
+// out, and so is every older one, even one small enough to fit. The files
+// keep their order (a walk's, close to the archive's).
 template <typename File>
-std::size_t KeepNewest(std::vector<File>& files, std::uint64_t limitBytes);
+std::vector<bool> NewestWithin(const std::vector<File>& files, std::uint64_t limitBytes);
 
 }  // namespace zep::collect
 
 #include <algorithm>
+#include <numeric>
 
 namespace zep::collect {
 
 template <typename File>
-std::size_t KeepNewest(std::vector<File>& files, std::uint64_t limitBytes) {
-    std::sort(files.begin(), files.end(), [](const File& a, const File& b) {
-        if (a.modifiedNs != b.modifiedNs) return a.modifiedNs > b.modifiedNs;
-        return ArchiveName(a.path) < ArchiveName(b.path);
+std::vector<bool> NewestWithin(const std::vector<File>& files, std::uint64_t limitBytes) {
+    std::vector<std::size_t> newestFirst(files.size());
+    std::iota(newestFirst.begin(), newestFirst.end(), std::size_t{0});
+    std::sort(newestFirst.begin(), newestFirst.end(), [&files](std::size_t a, std::size_t b) {
+        if (files[a].modifiedNs != files[b].modifiedNs) return files[a].modifiedNs > files[b].modifiedNs;
+        return ArchiveName(files[a].path) < ArchiveName(files[b].path);
     });
+    std::vector<bool> kept(files.size(), false);
     std::uint64_t total = 0;
-    for (std::size_t i = 0; i < files.size(); ++i) {
+    for (const std::size_t i : newestFirst) {
         // total <= limitBytes here, so this is total + size > limitBytes without overflow.
-        if (files[i].size > limitBytes - total) return i;
+        if (files[i].size > limitBytes - total) break;
         total += files[i].size;
+        kept[i] = true;
     }
-    return files.size();
+    return kept;
 }
 
 }  // namespace zep::collect

@@ -103,6 +103,22 @@ bool WalkTree(Folder& top, Context topContext, bool details, OnFolder&& onFolder
     bool ok = true;
     std::vector<Frame> stack;
     std::vector<std::wstring> names;  // of the entry being visited; its folders' while in it
+    // Names taken off `names`, kept for their buffers: a walk of many
+    // entries then copies each name without allocating for it.
+    std::vector<std::wstring> spare;
+    const auto pushName = [&](const std::wstring& name) {
+        if (spare.empty()) {
+            names.push_back(name);
+            return;
+        }
+        spare.back().assign(name);
+        names.push_back(std::move(spare.back()));
+        spare.pop_back();
+    };
+    const auto popName = [&] {
+        spare.push_back(std::move(names.back()));
+        names.pop_back();
+    };
     const auto enter = [&](std::unique_ptr<Folder> owned, Folder* folder, Context context) {
         Frame frame{std::move(owned), folder, std::move(context), {}, 0};
         if (!(details ? folder->List(frame.entries) : folder->ListKinds(frame.entries))) ok = false;
@@ -115,11 +131,11 @@ bool WalkTree(Folder& top, Context topContext, bool details, OnFolder&& onFolder
         Frame& frame = stack.back();
         if (frame.next == frame.entries.size()) {
             stack.pop_back();
-            if (!stack.empty()) names.pop_back();
+            if (!stack.empty()) popName();
             continue;
         }
         const EntryInfo& entry = frame.entries[frame.next++];
-        names.push_back(entry.name);
+        pushName(entry.name);
         bool entered = false;
         if (entry.kind == EntryKind::File) {
             ok = onFile(*frame.folder, frame.context, names, entry) && ok;
@@ -140,18 +156,18 @@ bool WalkTree(Folder& top, Context topContext, bool details, OnFolder&& onFolder
                 }
             }
         }
-        if (!entered) names.pop_back();
+        if (!entered) popName();
     }
     return ok;
 }
 
-std::wstring JoinNames(const std::vector<std::wstring>& names) {
-    std::wstring joined;
+// Sets `joined` to `names` joined by the separator, reusing its buffer.
+void JoinNames(const std::vector<std::wstring>& names, std::wstring& joined) {
+    joined.clear();
     for (const auto& name : names) {
         if (!joined.empty()) joined += path::kSeparator;
         joined += name;
     }
-    return joined;
 }
 
 // Appends what is left of `file` to `contents`, refusing to go past `limit`
@@ -365,13 +381,15 @@ bool CopyTree(Folder& from, Folder& to) {
 
 void VisitFiles(Folder& folder, bool recursive,
                 const std::function<void(const std::wstring& relative, const EntryInfo& entry)>& visit) {
+    std::wstring relative;  // one buffer for the walk
     WalkTree(
         folder, true, false,
         [&](bool, const std::vector<std::wstring>&, const EntryInfo&) -> std::optional<bool> {
             return recursive ? std::optional<bool>(true) : std::nullopt;
         },
         [&](Folder&, bool, const std::vector<std::wstring>& names, const EntryInfo& entry) {
-            visit(JoinNames(names), entry);
+            JoinNames(names, relative);
+            visit(relative, entry);
             return true;
         });
 }
@@ -415,8 +433,12 @@ bool HoldsAnyFile(Folder& folder) {
 }
 
 std::wstring JoinPath(const std::wstring& folder, std::wstring_view name) {
-    if (folder.empty() || IsSeparator(folder.back())) return folder + std::wstring(name);
-    return folder + path::kSeparator + std::wstring(name);
+    std::wstring joined;
+    joined.reserve(folder.size() + 1 + name.size());
+    joined += folder;
+    if (!folder.empty() && !IsSeparator(folder.back())) joined += path::kSeparator;
+    joined += name;
+    return joined;
 }
 
 }  // namespace zep::platform

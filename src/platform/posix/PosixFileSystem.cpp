@@ -8,8 +8,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <optional>
 #include <string>
 #include <system_error>
+#include <thread>
 #include <utility>
 
 #include "platform/env/Beneath.h"
@@ -25,6 +27,9 @@ namespace {
 constexpr int kMaxRemoveDepth = 256;
 constexpr mode_t kFileMode = 0644;
 constexpr mode_t kFolderMode = 0755;
+// A folder listed in full with at least this many entries is looked at from
+// two threads.
+constexpr std::size_t kSharedLookMin = 1024;
 
 bool Fail(FsStatus* status, FsError error, int code = 0) {
     if (status != nullptr) {
@@ -297,6 +302,7 @@ private:
         if (dir == nullptr) return Fail(status, FsError::Failed, errno);
         own.Release();
         bool ok = true;
+        std::vector<std::string> unknown;  // names to look at
         for (;;) {
             errno = 0;
             const dirent* item = ::readdir(dir);
@@ -313,13 +319,57 @@ private:
                 entries.push_back(std::move(info));
                 continue;
             }
-            struct stat st {};
-            // Gone since it was listed: not an entry any more.
-            if (::fstatat(::dirfd(dir), item->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
-            entries.push_back(InfoOf(text::DecodeFileName(name), st));
+            unknown.emplace_back(name);
         }
+        if (!unknown.empty()) Look(::dirfd(dir), unknown, entries);
         ::closedir(dir);
         return ok;
+    }
+
+    // Appends the entries `names` of the folder `dir` as they are now (one
+    // gone since it was listed is not an entry any more). A big folder is
+    // looked at from two threads: each look is a system call, and a scan
+    // makes tens of thousands of them.
+    static void Look(int dir, const std::vector<std::string>& names, std::vector<EntryInfo>& entries) {
+        std::vector<std::optional<EntryInfo>> found(names.size());
+        const auto lookAt = [&](std::size_t begin, std::size_t end) {
+            for (std::size_t i = begin; i < end; ++i) {
+                struct stat st {};
+                if (::fstatat(dir, names[i].c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+                    found[i] = InfoOf(text::DecodeFileName(names[i]), st);
+                }
+            }
+        };
+        std::size_t half = names.size();
+        std::thread helper;
+        struct Joiner {
+            std::thread& thread;
+            ~Joiner() {
+                if (thread.joinable()) thread.join();
+            }
+        } joiner{helper};  // also when this thread's half throws
+        if (names.size() >= kSharedLookMin) {
+            half = names.size() / 2;
+            try {
+                helper = std::thread([&] {
+                    try {
+                        lookAt(half, names.size());
+                    } catch (...) {
+                        // Out of memory: what the helper left undone is done below.
+                    }
+                });
+            } catch (...) {
+                half = names.size();  // no thread to be had: all of it here
+            }
+        }
+        lookAt(0, half);
+        if (helper.joinable()) helper.join();
+        for (std::size_t i = half; i < names.size(); ++i) {
+            if (!found[i]) lookAt(i, i + 1);
+        }
+        for (auto& info : found) {
+            if (info) entries.push_back(std::move(*info));
+        }
     }
 
     static bool Name(std::wstring_view name, std::string& bytes, FsStatus* status) {

@@ -1,5 +1,6 @@
 #include "platform/util/Strings.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <iterator>
 
@@ -78,9 +79,23 @@ void AppendUtf8(std::string& out, char32_t cp) {
     utf8::append(static_cast<utf8::uint32_t>(cp), std::back_inserter(out));
 }
 
+// Most names and paths are plain ASCII, the same in every encoding: they are
+// copied unit for unit, without decoding (a scan converts tens of thousands).
+template <typename Unit>
+bool IsAscii(std::basic_string_view<Unit> text) {
+    return std::all_of(text.begin(), text.end(),
+                       [](Unit c) { return static_cast<std::make_unsigned_t<Unit>>(c) < 0x80; });
+}
+
+template <typename To, typename From>
+To CopyUnits(std::basic_string_view<From> text) {
+    return To(text.begin(), text.end());
+}
+
 }  // namespace
 
 std::string ToUtf8(std::wstring_view wide) {
+    if (IsAscii(wide)) return CopyUnits<std::string>(wide);
     std::string out;
     out.reserve(wide.size());
     DecodeWide(wide, [&](char32_t cp) { AppendUtf8(out, cp); });
@@ -88,6 +103,7 @@ std::string ToUtf8(std::wstring_view wide) {
 }
 
 std::wstring FromUtf8(std::string_view utf8) {
+    if (IsAscii(utf8)) return CopyUnits<std::wstring>(utf8);
     std::wstring out;
     out.reserve(utf8.size());
     DecodeUtf8(utf8, [&](char32_t cp) { AppendWide(out, cp); }, [&](unsigned char) { AppendWide(out, kReplacement); });
@@ -95,6 +111,7 @@ std::wstring FromUtf8(std::string_view utf8) {
 }
 
 std::wstring DecodeFileName(std::string_view bytes) {
+    if (IsAscii(bytes)) return CopyUnits<std::wstring>(bytes);
     std::wstring out;
     out.reserve(bytes.size());
     DecodeUtf8(bytes, [&](char32_t cp) { AppendWide(out, cp); },
@@ -103,6 +120,7 @@ std::wstring DecodeFileName(std::string_view bytes) {
 }
 
 std::string EncodeFileName(std::wstring_view name) {
+    if (IsAscii(name)) return CopyUnits<std::string>(name);
     std::string out;
     out.reserve(name.size());
     DecodeWide(name, [&](char32_t cp) {
@@ -116,6 +134,14 @@ std::string EncodeFileName(std::wstring_view name) {
 }
 
 std::string ListingText(std::wstring_view path) {
+#ifdef _WIN32
+    if (IsAscii(path)) return CopyUnits<std::string>(path);
+#else
+    // Printable ASCII but the backslash, which is escaped here.
+    if (std::all_of(path.begin(), path.end(), [](wchar_t c) { return c >= 0x20 && c < 0x7F && c != L'\\'; })) {
+        return CopyUnits<std::string>(path);
+    }
+#endif
     std::string out;
     out.reserve(path.size());
     char escape[12];
