@@ -103,22 +103,6 @@ bool WalkTree(Folder& top, Context topContext, bool details, OnFolder&& onFolder
     bool ok = true;
     std::vector<Frame> stack;
     std::vector<std::wstring> names;  // of the entry being visited; its folders' while in it
-    // Names taken off `names`, kept for their buffers: a walk of many
-    // entries then copies each name without allocating for it.
-    std::vector<std::wstring> spare;
-    const auto pushName = [&](const std::wstring& name) {
-        if (spare.empty()) {
-            names.push_back(name);
-            return;
-        }
-        spare.back().assign(name);
-        names.push_back(std::move(spare.back()));
-        spare.pop_back();
-    };
-    const auto popName = [&] {
-        spare.push_back(std::move(names.back()));
-        names.pop_back();
-    };
     const auto enter = [&](std::unique_ptr<Folder> owned, Folder* folder, Context context) {
         Frame frame{std::move(owned), folder, std::move(context), {}, 0};
         if (!(details ? folder->List(frame.entries) : folder->ListKinds(frame.entries))) ok = false;
@@ -131,11 +115,11 @@ bool WalkTree(Folder& top, Context topContext, bool details, OnFolder&& onFolder
         Frame& frame = stack.back();
         if (frame.next == frame.entries.size()) {
             stack.pop_back();
-            if (!stack.empty()) popName();
+            if (!stack.empty()) names.pop_back();
             continue;
         }
         const EntryInfo& entry = frame.entries[frame.next++];
-        pushName(entry.name);
+        names.push_back(entry.name);
         bool entered = false;
         if (entry.kind == EntryKind::File) {
             ok = onFile(*frame.folder, frame.context, names, entry) && ok;
@@ -156,7 +140,7 @@ bool WalkTree(Folder& top, Context topContext, bool details, OnFolder&& onFolder
                 }
             }
         }
-        if (!entered) popName();
+        if (!entered) names.pop_back();
     }
     return ok;
 }

@@ -332,15 +332,17 @@ private:
     // makes tens of thousands of them.
     static void Look(int dir, const std::vector<std::string>& names, std::vector<EntryInfo>& entries) {
         std::vector<std::optional<EntryInfo>> found(names.size());
-        const auto lookAt = [&](std::size_t begin, std::size_t end) {
-            for (std::size_t i = begin; i < end; ++i) {
+        // Looks at names[next, end), advancing `next` past each name looked at.
+        const auto lookAt = [&](std::size_t& next, std::size_t end) {
+            for (; next < end; ++next) {
                 struct stat st {};
-                if (::fstatat(dir, names[i].c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
-                    found[i] = InfoOf(text::DecodeFileName(names[i]), st);
+                if (::fstatat(dir, names[next].c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+                    found[next] = InfoOf(text::DecodeFileName(names[next]), st);
                 }
             }
         };
         std::size_t half = names.size();
+        std::size_t helperNext = half;  // where the helper got to
         std::thread helper;
         struct Joiner {
             std::thread& thread;
@@ -349,24 +351,23 @@ private:
             }
         } joiner{helper};  // also when this thread's half throws
         if (names.size() >= kSharedLookMin) {
-            half = names.size() / 2;
+            half = helperNext = names.size() / 2;
             try {
                 helper = std::thread([&] {
                     try {
-                        lookAt(half, names.size());
+                        lookAt(helperNext, names.size());
                     } catch (...) {
                         // Out of memory: what the helper left undone is done below.
                     }
                 });
             } catch (...) {
-                half = names.size();  // no thread to be had: all of it here
+                // No thread to be had: all of it here.
             }
         }
-        lookAt(0, half);
+        std::size_t next = 0;
+        lookAt(next, half);
         if (helper.joinable()) helper.join();
-        for (std::size_t i = half; i < names.size(); ++i) {
-            if (!found[i]) lookAt(i, i + 1);
-        }
+        lookAt(helperNext, names.size());
         for (auto& info : found) {
             if (info) entries.push_back(std::move(*info));
         }
